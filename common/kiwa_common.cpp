@@ -1,0 +1,68 @@
+#include "common/kiwa_common.h"
+
+#include <cstdarg>
+#include <cstring>
+
+const char* const sHalftoneTypeStrTable[kHalftoneTypeCount] = {
+    "None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki", "JarvisJudiceNinke",
+    "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_Q7",
+};
+
+namespace {
+
+const char* const kLogLevelWords[] = {"DEBUG:", "DEBUG:", "WARN:", "ERROR:", "CRIT:", "INVALID:"};
+constexpr int kLogLevelCount = sizeof(kLogLevelWords) / sizeof(kLogLevelWords[0]);
+
+FILE* sLogStream = nullptr;
+
+}  // namespace
+
+void kiwaLogSetStream(FILE* stream) {
+  sLogStream = stream;
+}
+
+void kiwaLogCommon(int level, const char* format, ...) {
+  FILE* out = sLogStream ? sLogStream : stderr;
+  // Callers only pass 0..5; anything else is logged as INVALID rather than
+  // reading past the table.
+  if (level < 0 || level >= kLogLevelCount)
+    level = KIWA_LOG_INVALID;
+  fputs(kLogLevelWords[level], out);
+  va_list args;
+  va_start(args, format);
+  vfprintf(out, format, args);
+  va_end(args);
+  fputs("\n", out);
+}
+
+const char* kiwaHalftoneTypeToStr(DitherType type) {
+  const unsigned value = static_cast<unsigned>(type);
+  return value < kHalftoneTypeCount ? sHalftoneTypeStrTable[value] : sHalftoneTypeStrTable[0];
+}
+
+DitherType kiwaHalftoneTypeFromStr(const char* name) {
+  if (name == nullptr)
+    return DITHER_NONE;
+  for (int i = 0; i < kHalftoneTypeCount; ++i) {
+    if (strcmp(name, sHalftoneTypeStrTable[i]) == 0)
+      return static_cast<DitherType>(i);
+  }
+  return DITHER_NONE;
+}
+
+const char* kiwaPathGetBasename(const char* path) {
+  if (path == nullptr)
+    return nullptr;
+  const char* slash = strrchr(path, '/');
+  const char* backslash = strrchr(path, '\\');
+  const char* last = slash;
+  if (backslash != nullptr && (last == nullptr || backslash > last))
+    last = backslash;
+  return last != nullptr ? last + 1 : path;
+}
+
+char* kiwaStrCpy(char* dst, const char* src, size_t len) {
+  strncpy(dst, src ? src : "", len);
+  dst[len - 1] = '\0';
+  return dst;
+}

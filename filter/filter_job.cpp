@@ -1,0 +1,175 @@
+#include "filter/filter_job.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <cups/raster.h>
+
+#include "common/kiwa_common.h"
+#include "common/settings.h"
+#include "filter/job_settings.h"
+
+const char* const sVersion = "1.0.0";
+
+namespace {
+
+constexpr int kMinArgs = 6;  // program job_id user title copies options
+constexpr int kFileArg = 6;  // optional input file
+constexpr float kMinPaperMm = 1.0f;
+constexpr double kMmPerInch = 25.4;
+// The page buffer size is a 32-bit product; a page whose product would wrap
+// is refused instead of being read into a buffer that is too small.
+constexpr uint64_t kMaxPageBytes = UINT32_MAX;
+
+struct RasterCloser {
+  void operator()(cups_raster_t* ras) const { cupsRasterClose(ras); }
+};
+struct FreeDeleter {
+  void operator()(unsigned char* p) const { free(p); }
+};
+
+// Closes the input descriptor unless it is standard input.
+class InputFd {
+ public:
+  InputFd() = default;
+  InputFd(const InputFd&) = delete;
+  InputFd& operator=(const InputFd&) = delete;
+  ~InputFd() {
+    if (fd_ != 0)
+      close(fd_);
+  }
+  int get() const { return fd_; }
+  void reset(int fd) { fd_ = fd; }
+
+ private:
+  int fd_ = 0;
+};
+
+void writePageGeometry(const char* path, const cups_page_header2_t& h) {
+  FILE* f = fopen(path, "w+");
+  if (f == nullptr)
+    return;
+  fprintf(f, "cupsWidth:%d, cupsHeight:%d, cupsBytesPerLine:%d, cupsBitsPerPixel:%d\n",
+          static_cast<int>(h.cupsWidth), static_cast<int>(h.cupsHeight),
+          static_cast<int>(h.cupsBytesPerLine), static_cast<int>(h.cupsBitsPerPixel));
+  fclose(f);
+}
+
+void logPageHeader(const cups_page_header2_t& h) {
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[0]:%d\n", static_cast<int>(h.HWResolution[0]));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[1]:%d", static_cast<int>(h.HWResolution[1]));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsWidth:%d", static_cast<int>(h.cupsWidth));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsHeight:%d", static_cast<int>(h.cupsHeight));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsMediaType:%d", static_cast<int>(h.cupsMediaType));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerColor:%d", static_cast<int>(h.cupsBitsPerColor));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerPixel:%d", static_cast<int>(h.cupsBitsPerPixel));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBytesPerLine:%d", static_cast<int>(h.cupsBytesPerLine));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorOrder:%d", static_cast<int>(h.cupsColorOrder));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorSpace:%d", static_cast<int>(h.cupsColorSpace));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsCompression:%d", static_cast<int>(h.cupsCompression));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowCount:%d", static_cast<int>(h.cupsRowCount));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowFeed:%d", static_cast<int>(h.cupsRowFeed));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowStep:%d", static_cast<int>(h.cupsRowStep));
+}
+
+// The raster page fixes the real page size; the media width kept in
+// millimetres becomes dots at this page's resolution.
+void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float maxMediaWidthMm,
+                        const char* jobId) {
+  settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
+  settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
+  settings->MaxMediaWidth = static_cast<float>(maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
+  // strncpy semantics: an id of 20 characters or more fills the field with no
+  // terminator.
+  const size_t idLen = strnlen(jobId, sizeof(settings->JobId));
+  memset(settings->JobId, 0, sizeof(settings->JobId));
+  memcpy(settings->JobId, jobId, idLen);
+}
+
+}  // namespace
+
+int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
+  if (argc < kMinArgs) {
+    const char* name = argc > 0 ? kiwaPathGetBasename(argv[0]) : "rastertoostra";
+    fprintf(stderr, "%s v%s\n\nUsage:\n\n    %s job_id user title copyies options [file]\n\n", name,
+            sVersion, name);
+    return 1;
+  }
+
+  // Released in reverse order: page buffer, raster stream, input descriptor.
+  InputFd input;
+  std::unique_ptr<cups_raster_t, RasterCloser> raster;
+  std::unique_ptr<unsigned char, FreeDeleter> page;
+
+  if (argc > kFileArg) {
+    const int fd = open(argv[kFileArg], O_RDONLY);
+    if (fd == -1) {
+      fputs("ERROR: Unable to open raster file - ", stderr);
+      return 1;
+    }
+    input.reset(fd);
+  }
+
+  Settings settings;
+  memset(&settings, 0, sizeof(settings));
+  parseSettings(&settings, argv[5]);
+  const float maxMediaWidthMm = settings.MaxMediaWidth;
+
+  // Written as two tests so that a NaN size passes, as it always has.
+  if (settings.pageWidth <= kMinPaperMm || settings.pageHeight <= kMinPaperMm) {
+    fprintf(stderr, "ERROR: Paper size must not less than 1.0 : (%f, %f)\n", settings.pageWidth,
+            settings.pageHeight);
+    return 1;
+  }
+
+  raster.reset(cupsRasterOpen(input.get(), CUPS_RASTER_READ));
+
+  int pageCount = 0;
+  cups_page_header2_t header;
+  while (cupsRasterReadHeader2(raster.get(), &header)) {
+    if (header.cupsBitsPerPixel != 8) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
+                    static_cast<int>(header.cupsBitsPerPixel));
+      return 1;
+    }
+    if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)
+      break;
+
+    const uint64_t pageBytes = static_cast<uint64_t>(header.cupsBytesPerLine) * header.cupsHeight;
+    if (pageBytes > kMaxPageBytes) {
+      kiwaLogCommon(KIWA_LOG_ERROR,
+                    "Page of %u bytes per line by %u lines is too large! At most %u bytes per page",
+                    header.cupsBytesPerLine, header.cupsHeight, UINT32_MAX);
+      return 1;
+    }
+    const uint32_t pageSize = static_cast<uint32_t>(pageBytes);
+
+    writePageGeometry(paths.pageGeometryLog, header);
+
+    void* grown = realloc(page.get(), pageSize);
+    if (grown == nullptr)
+      return 1;
+    page.release();
+    page.reset(static_cast<unsigned char*>(grown));
+    memset(page.get(), 0, pageSize);
+
+    updatePageSettings(&settings, header, maxMediaWidthMm, argv[1]);
+    kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings.pageWidth,
+                  settings.pageHeight);
+
+    ++pageCount;
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));
+    logPageHeader(header);
+
+    if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) < 1)
+      continue;
+  }
+
+  return 0;
+}

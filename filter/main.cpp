@@ -1,0 +1,5 @@
+#include "filter/filter_job.h"
+
+int main(int argc, char* argv[]) {
+  return runFilterJob(argc, argv);
+}
