@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Configures and builds one variant: "plain" into build/, "sanitize" (ASan and
+# UBSan) into build-sanitize/. Prints the build directory on its last line.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+variant=${1:-plain}
+case "$variant" in
+  plain) dir=build; flags=() ;;
+  sanitize) dir=build-sanitize; flags=(-DOSTRA_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug) ;;
+  *) echo "usage: build.sh [plain|sanitize]" >&2; exit 2 ;;
+esac
+
+cmake -S . -B "$dir" -G Ninja "${flags[@]}" >/dev/null
+cmake --build "$dir" --parallel "$(nproc)" >&2
+echo "$dir"

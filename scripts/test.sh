@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds the project twice (plain, and with
+# AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both.
+# The end-to-end tests need root: they run the filter in a private mount
+# namespace (unshare -m) so the real /tmp and spool directories are untouched.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+echo "== formatting"
+files=$(git ls-files '*.cpp' '*.h')
+clang-format --dry-run --Werror $files
+
+for variant in plain sanitize; do
+  echo "== $variant build"
+  dir=$(bash scripts/build.sh "$variant" | tail -n 1)
+  echo "== $variant tests"
+  ctest --test-dir "$dir" --output-on-failure --parallel "$(nproc)"
+done
