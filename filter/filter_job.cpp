@@ -167,8 +167,8 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));
     logPageHeader(header);
 
-    if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) < 1)
-      continue;
+    // A page whose pixels cannot be read is skipped without a message.
+    cupsRasterReadPixels(raster.get(), page.get(), pageSize);
   }
 
   return 0;
