@@ -16,6 +16,7 @@
 #include "filter/job_settings.h"
 
 const char* const sVersion = "1.0.0";
+OstraPrinter* sPrinter = nullptr;
 
 namespace {
 
@@ -33,6 +34,24 @@ struct RasterCloser {
 struct FreeDeleter {
   void operator()(unsigned char* p) const { free(p); }
 };
+struct CFileCloser {
+  void operator()(FILE* f) const {
+    if (f != nullptr)
+      fclose(f);
+  }
+};
+
+// Clears the global handle before the printer object goes away.
+struct PrinterHandleReset {
+  ~PrinterHandleReset() { sPrinter = nullptr; }
+};
+
+// Float to long without trapping on values no long holds.
+long truncateToLong(float v) {
+  if (!(v > -9.2e18f && v < 9.2e18f))
+    return 0;
+  return static_cast<long>(v);
+}
 
 // Closes the input descriptor unless it is standard input.
 class InputFd {
@@ -102,7 +121,12 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     return 1;
   }
 
-  // Released in reverse order: page buffer, raster stream, input descriptor.
+  // Released in reverse order: page buffer, raster stream, input descriptor,
+  // the global handle, the data-output file, and last the printer.
+  PrinterState printerState;
+  std::unique_ptr<OstraPrinter> printer;
+  std::unique_ptr<FILE, CFileCloser> dataOutput;
+  PrinterHandleReset handleReset;
   InputFd input;
   std::unique_ptr<cups_raster_t, RasterCloser> raster;
   std::unique_ptr<unsigned char, FreeDeleter> page;
@@ -116,10 +140,23 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     input.reset(fd);
   }
 
+  printer = std::make_unique<OstraPrinter>(printerState, paths.printer);
+  sPrinter = printer.get();
+
   Settings settings;
   memset(&settings, 0, sizeof(settings));
   parseSettings(&settings, argv[5]);
   const float maxMediaWidthMm = settings.MaxMediaWidth;
+  printer->setSettings(&settings);
+
+  // A diagnostic copy of the printer's command stream; nothing fills the
+  // field today. A file that cannot be opened is left out of the stream list.
+  if (settings.DataOutputFile[0] != '\0') {
+    dataOutput.reset(fopen(settings.DataOutputFile, "w"));
+    kiwaLogCommon(KIWA_LOG_DEBUG, "Filter data output to: %s", settings.DataOutputFile);
+    if (dataOutput)
+      printer->getOutputStreams().push_back(dataOutput.get());
+  }
 
   // Written as two tests so that a NaN size passes, as it always has.
   if (settings.pageWidth <= kMinPaperMm || settings.pageHeight <= kMinPaperMm) {
@@ -163,13 +200,29 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings.pageWidth,
                   settings.pageHeight);
 
+    printer->setPageHeader(&header);
+    printer->setBrightness(settings.Brightness);
+    printer->setVBarcodeOpt(settings.VBarcodeOpt);
+    printer->setPrintSpeed(settings.PrintSpeed);
+    printer->setPrintDensity(settings.Darkness);
+    printer->setHalftoneType(settings.halftoneType);
+    printer->setMirrorPrint(settings.MirrorImage != 0);
+    printer->setNegativePrint(settings.NegativeImage != 0);
+    printer->SetPrintWidth(truncateToLong(settings.MaxMediaWidth));
+
+    // Once per page: every page reloads the counter and resends the settings.
+    jobSetup(printer.get(), &settings);
+
     ++pageCount;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));
     logPageHeader(header);
 
     // A page whose pixels cannot be read is skipped without a message.
-    cupsRasterReadPixels(raster.get(), page.get(), pageSize);
+    if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
+      printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+    }
   }
 
+  jobEnd(printer.get(), &settings);
   return 0;
 }

@@ -3,12 +3,19 @@
 #ifndef OSTRA_FILTER_FILTER_JOB_H
 #define OSTRA_FILTER_FILTER_JOB_H
 
+#include "printer/ostra_printer.h"
+
 extern const char* const sVersion;
+
+// The job's printer, for code with no other way to reach it; valid only while
+// a job runs. runFilterJob owns the object.
+extern OstraPrinter* sPrinter;
 
 // Where the filter leaves its by-products. The defaults are the paths the
 // print server's tools look at; tests run the filter in a private namespace.
 struct FilterPaths {
   const char* pageGeometryLog = "/tmp/xxxxx.log";
+  PrinterPaths printer;
 };
 
 // Runs one job with the standard filter arguments

@@ -1,0 +1,108 @@
+#include "printer/kiwa_printer.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+constexpr int kMinAdjust = -100;
+constexpr int kMaxAdjust = 100;
+constexpr int kMinSpeed = 1;
+constexpr int kMaxSpeed = 15;
+constexpr int kMinDensity = 0;
+constexpr int kMaxDensity = 15;
+
+int clampTo(int value, int low, int high) {
+  return value < low ? low : value > high ? high : value;
+}
+
+const char kNotice[] = "rastertoostra 1.0.0 for Kiwa Ostra printers\r";
+
+std::string hexNotice() {
+  static const char kDigits[] = "0123456789ABCDEF";
+  std::string text = "MFT:";
+  for (const char* p = kNotice; *p != '\0'; ++p) {
+    const unsigned char c = static_cast<unsigned char>(*p);
+    if (p != kNotice)
+      text += ' ';
+    text += kDigits[c >> 4];
+    text += kDigits[c & 0x0F];
+  }
+  return text;
+}
+
+}  // namespace
+
+KiwaPrinter::KiwaPrinter(PrinterState& state, const PrinterPaths& paths)
+    : state_(state), paths_(paths) {
+  outputStreams_.push_back(stdout);
+  setImageFileName("prnimg_");
+}
+
+KiwaPrinter::~KiwaPrinter() = default;
+
+void KiwaPrinter::setImageFileName(const char* prefix) {
+  // The name is a printf pattern, so a '%' in the directory must be escaped.
+  std::string pattern;
+  for (char c : paths_.imageDir) {
+    pattern += c;
+    if (c == '%')
+      pattern += '%';
+  }
+  pattern += "/";
+  pattern += prefix;
+  pattern += "%d-%d-%d_%d_%d_%d_%ld.bmp";
+  snprintf(imageFileName_, sizeof(imageFileName_), "%s", pattern.c_str());
+}
+
+void KiwaPrinter::setBrightness(int value) {
+  brightness_ = clampTo(value, kMinAdjust, kMaxAdjust);
+}
+
+void KiwaPrinter::setContrast(int value) {
+  contrast_ = clampTo(value, kMinAdjust, kMaxAdjust);
+}
+
+void KiwaPrinter::setPrintSpeed(const char* text) {
+  printSpeed_ = clampTo(text != nullptr ? atoi(text) : 0, kMinSpeed, kMaxSpeed);
+}
+
+void KiwaPrinter::setPrintDensity(int value) {
+  printDensity_ = clampTo(value, kMinDensity, kMaxDensity);
+}
+
+const char* KiwaPrinter::getCopyRight() const {
+  static const std::string text = hexNotice();
+  return text.c_str();
+}
+
+void KiwaPrinter::printBytes(const unsigned char* data, unsigned long size) {
+  for (FILE* stream : outputStreams_)
+    fwrite(data, size, 1, stream);
+}
+
+void KiwaPrinter::printStr(const char* s) {
+  for (FILE* stream : outputStreams_)
+    fprintf(stream, "%s", s);
+}
+
+void KiwaPrinter::printByte(unsigned char c) {
+  for (FILE* stream : outputStreams_)
+    fputc(c, stream);
+}
+
+int KiwaPrinter::printFormat(const char* format, ...) {
+  int result = 0;
+  va_list args;
+  va_start(args, format);
+  for (FILE* stream : outputStreams_) {
+    // Each stream gets the whole text, so each needs its own argument list.
+    va_list copy;
+    va_copy(copy, args);
+    result = vfprintf(stream, format, copy);
+    va_end(copy);
+  }
+  va_end(args);
+  return result;
+}

@@ -1,0 +1,155 @@
+// The printer device: print settings, output streams, and the page pipeline
+// that carries one 8-bit gray page through processing to the printer language.
+#ifndef OSTRA_PRINTER_KIWA_PRINTER_H
+#define OSTRA_PRINTER_KIWA_PRINTER_H
+
+#include <cups/raster.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "common/kiwa_common.h"
+#include "image/cximage.h"
+
+// Where the printer leaves its files. The defaults are the paths the
+// printer-side program reads; tests and other front ends may point elsewhere.
+struct PrinterPaths {
+  std::string spoolDir = "/var/spool/cups/tmp/otv6data";  // page records, page counters
+  std::string imageDir = "/var/spool/cups/tmp";           // debug BMP files
+};
+
+// What lives for the whole process rather than per printer object: the
+// command templates, the page counter and the debug image counter. The front
+// end owns it and lends it to its printer.
+struct PrinterState {
+  uint8_t bPrnSet[7] = {0x1B, 0x73, 0x00, 0x00, 0x00, 0x00, 0x00};
+  uint8_t bLabelInfo[14] = {'S', 'I', 'Z', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  uint16_t PageNum = 1;
+  int64_t page_index = 0;  // debug image files written so far
+};
+
+// Blank-row counters: a row is blank when its first bytesPerLine - skip bytes
+// (all of them when skip exceeds bytesPerLine) are 0. Rows lie rowStep apart.
+// From the front the rows tested are 1 .. height (one past the page, which
+// reads as blank); the result is the index of the first inked one, or height.
+size_t kiwaImageCountBlankLinesFromFront(const unsigned char* data, size_t bytesPerLine,
+                                         size_t height, size_t skipRightPixels, size_t rowStep);
+// From the back: one past the last inked row, or 0.
+size_t kiwaImageCountBlankLinesFromBack(const unsigned char* data, size_t bytesPerLine,
+                                        size_t height, size_t skipRightPixels, size_t rowStep);
+
+class KiwaPrinter {
+ public:
+  class UserData;
+
+  KiwaPrinter(PrinterState& state, const PrinterPaths& paths = PrinterPaths());
+  virtual ~KiwaPrinter();
+  KiwaPrinter(const KiwaPrinter&) = delete;
+  KiwaPrinter& operator=(const KiwaPrinter&) = delete;
+
+  // Settings; out-of-range values are clamped, never refused.
+  void setBrightness(int value);
+  int getBrightness() const { return brightness_; }
+  void setContrast(int value);
+  int getContrast() const { return contrast_; }
+  void setPrintSpeed(const char* text);
+  int getPrintSpeed() const { return printSpeed_; }
+  void setPrintDensity(int value);
+  int getPrintDensity() const { return printDensity_; }
+  void setHalftoneType(DitherType type) { halftoneType_ = type; }
+  DitherType getHalftoneType() const { return halftoneType_; }
+  void setNegativePrint(bool on) { negativePrint_ = on; }
+  bool isNegativePrint() const { return negativePrint_; }
+  void setRotate180Print(bool on) { rotate180Print_ = on; }
+  bool isRotate180Print() const { return rotate180Print_; }
+  void setMirrorPrint(bool on) { mirrorPrint_ = on; }
+  bool isMirrorPrint() const { return mirrorPrint_; }
+  void setAntiWrinkle(int level) { antiWrinkle_ = level; }
+  int getAntiWrinkle() const { return antiWrinkle_; }
+  void setUseRVDithering(bool on) { useRVDithering_ = on; }
+  bool getUseRVDithering() const { return useRVDithering_; }
+  void setMaxMediaWidth(int value) { maxMediaWidth_ = value; }
+  int getMaxMediaWidth() const { return maxMediaWidth_; }
+  void setVBarcodeOpt(int mode) { vBarcodeOpt_ = mode; }
+  int getVBarcodeOpt() const { return vBarcodeOpt_; }
+  void setRemoveBlankEdges(unsigned char bits) { removeBlankEdges_ = bits; }
+  unsigned char getRemoveBlankEdges() const { return removeBlankEdges_; }
+  void setSkipRightPixels(unsigned long bytes) { skipRightPixels_ = bytes; }
+  unsigned long getSkipRightPixels() const { return skipRightPixels_; }
+  void setUserData(UserData* data) { userData_ = data; }
+  UserData* getUserData() const { return userData_; }
+  void SetPrintWidth(long dots) { printWidth_ = dots; }
+  long GetPrintWidth() const { return printWidth_; }
+  void setPageHeader(cups_page_header2_t* header) { pageHdr_ = header; }
+  cups_page_header2_t* getPageHeader() const { return pageHdr_; }
+  std::vector<FILE*>& getOutputStreams() { return outputStreams_; }
+  const char* getCopyRight() const;
+
+  // Every output stream receives the same bytes, in list order; write errors
+  // are ignored.
+  void printBytes(const unsigned char* data, unsigned long size);
+  void printStr(const char* s);
+  void printByte(unsigned char c);
+  int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+  // The page pipeline: one 8-bit page, row 0 first, a non-zero byte is ink.
+  void printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
+                  unsigned long width);
+  // `outSize` bounds every write into `out`; an enlarged image never runs past it.
+  long PageProcess(DitherType method, const unsigned char* data, int stride, int width, int height,
+                   unsigned char* out, size_t outSize = SIZE_MAX);
+  void copyPixels(CxImage& image, unsigned char* out, int width, int height, int stride,
+                  size_t outSize = SIZE_MAX);
+  void copyProcessedPixels(CxImage* image, unsigned char* out, int width, int height, int stride,
+                           size_t outSize = SIZE_MAX);
+  // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
+  int GrayToMono(int rowBytes, int height, unsigned char* buf);
+  // Writes a page as a BMP named by imageFileName_, the local time and the
+  // process-wide image counter.
+  void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
+                 unsigned long width, unsigned short bpp);
+
+  const CxImage* processedImage() const { return pimage; }
+  const PrinterPaths& paths() const { return paths_; }
+  PrinterState& state() { return state_; }
+
+ protected:
+  // The printer language: called once per page with the processed image.
+  virtual void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
+                            unsigned long width) = 0;
+
+  CxImage image_;
+  CxImage rvImage_;
+  CxImage* pimage = nullptr;
+  char imageFileName_[1024];
+  std::vector<FILE*> outputStreams_;
+  cups_page_header2_t* pageHdr_ = nullptr;
+  int32_t maxMediaWidth_ = 0;
+  int64_t printWidth_ = 0;
+  int32_t brightness_ = 0;
+  int32_t vBarcodeOpt_ = 0;
+  int32_t contrast_ = 0;
+  int32_t printSpeed_ = 7;
+  int32_t printDensity_ = 8;
+  DitherType halftoneType_ = DITHER_NONE;
+  bool negativePrint_ = false;
+  bool mirrorPrint_ = false;
+  bool rotate180Print_ = false;
+  int32_t antiWrinkle_ = 0;
+  bool useRVDithering_ = false;
+  uint8_t removeBlankEdges_ = 0;
+  unsigned long skipRightPixels_ = 0;
+  UserData* userData_ = nullptr;
+  int32_t resolution_ = 300;
+
+  PrinterState& state_;
+  PrinterPaths paths_;
+
+ private:
+  void setImageFileName(const char* prefix);
+};
+
+#endif  // OSTRA_PRINTER_KIWA_PRINTER_H

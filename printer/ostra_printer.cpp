@@ -1,0 +1,236 @@
+#include "printer/ostra_printer.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr double kMmPerInch = 25.4;
+constexpr uint16_t kPageNumWrap = 9000;
+constexpr uint8_t kRasterCommand[4] = {0x1D, 0x76, 0x30, 0x00};  // GS 'v' '0', mode 0
+constexpr size_t kRecordHeaderSize = 22;                         // "SIZ" block + raster header
+constexpr int kMaxNameSuffix = 1000000;
+
+struct FreeDeleter {
+  void operator()(unsigned char* p) const { free(p); }
+};
+
+void putLe16(uint8_t* at, unsigned value) {
+  at[0] = static_cast<uint8_t>(value & 0xFF);
+  at[1] = static_cast<uint8_t>((value >> 8) & 0xFF);
+}
+
+// Truncation toward zero that cannot trap: values no integer holds give 0.
+long long truncateToInteger(double v) {
+  if (!std::isfinite(v) || v >= 9.2e18 || v <= -9.2e18)
+    return 0;
+  return static_cast<long long>(v);
+}
+
+std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
+  return printer.paths().spoolDir + "/" + settings.PrinterName + ".pgc";
+}
+
+}  // namespace
+
+OstraPrinter::OstraPrinter(PrinterState& state, const PrinterPaths& paths)
+    : KiwaPrinter(state, paths) {}
+
+OstraPrinter::~OstraPrinter() = default;
+
+std::string OstraPrinter::pageCounterPath() const {
+  return settings_ != nullptr ? counterPath(*this, *settings_) : std::string();
+}
+
+void jobSetup(OstraPrinter* printer, Settings* settings) {
+  if (printer == nullptr || settings == nullptr)
+    return;
+  FILE* f = fopen(counterPath(*printer, *settings).c_str(), "r");
+  if (f != nullptr) {
+    // A short file overwrites only the bytes it has, low byte first.
+    uint16_t& pageNum = printer->state().PageNum;
+    uint8_t bytes[2] = {static_cast<uint8_t>(pageNum & 0xFF), static_cast<uint8_t>(pageNum >> 8)};
+    if (fread(bytes, 1, 2, f) > 0)
+      pageNum = static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
+    fclose(f);
+  }
+  printer->SendPrintSetting();
+}
+
+void jobEnd(OstraPrinter* printer, Settings* settings) {
+  if (printer == nullptr || settings == nullptr)
+    return;
+  uint16_t& pageNum = printer->state().PageNum;
+  if (pageNum >= kPageNumWrap)
+    pageNum = 1;
+  FILE* f = fopen(counterPath(*printer, *settings).c_str(), "wb");
+  if (f == nullptr)
+    return;
+  uint8_t bytes[2];
+  putLe16(bytes, pageNum);
+  fwrite(bytes, sizeof(bytes), 1, f);
+  fclose(f);
+}
+
+bool OstraPrinter::SendPrintSetting() {
+  uint8_t* block = state_.bPrnSet;
+  block[2] = 0x01;
+  block[3] = 0x00;
+  block[4] = 0x00;
+  // The printer counts speeds from 2: "2" is sent as 0, "5" as 3.
+  const uint8_t speed =
+      static_cast<uint8_t>(settings_ != nullptr ? atoi(settings_->PrintSpeed) : 0);
+  block[5] = speed >= 2 ? static_cast<uint8_t>(speed - 2) : speed;
+  block[6] = static_cast<uint8_t>(settings_ != nullptr ? settings_->Darkness : 0);
+  printBytes(block, sizeof(state_.bPrnSet));
+  return true;
+}
+
+void OstraPrinter::doPrintImage(unsigned char* bits, unsigned long /*bytesPerLine*/,
+                                unsigned long height, unsigned long width) {
+  if (vBarcodeOpt_ == 1 || vBarcodeOpt_ == 2) {
+    kiwaLogCommon(KIWA_LOG_ERROR,
+                  "doPrintImage: barcode optimisation mode %d is not available in this build",
+                  vBarcodeOpt_);
+  }
+  // The pixel width is the row size on purpose: rows of a width that is not a
+  // multiple of 4 are read from starts that drift left, as printers expect.
+  const int size = GrayToMono(static_cast<int>(width), static_cast<int>(height), bits);
+  OTCSendPaperInfo();
+  OTCSendImage(size, SIZEL{static_cast<long>(width), static_cast<long>(height)}, bits);
+}
+
+bool OstraPrinter::OTCSendPaperInfo() {
+  uint8_t media = 1;
+  double pageWidth = 0.0, pageHeight = 0.0, gap = 0.0;
+  if (settings_ != nullptr) {
+    if (strcmp(settings_->PaperType, "LabelMark") == 0) {
+      media = 2;
+    } else if (strcmp(settings_->PaperType, "Continue") == 0) {
+      media = 0;
+    }
+    pageWidth = settings_->pageWidth;
+    pageHeight = settings_->pageHeight;
+    gap = settings_->GapsHeight;
+  }
+  const double res = pageHdr_ != nullptr ? pageHdr_->HWResolution[0] : 0.0;
+  // The height uses the horizontal resolution too; the printer expects it.
+  const uint16_t widthDots = static_cast<uint16_t>(truncateToInteger(pageWidth / kMmPerInch * res));
+  const uint16_t heightDots =
+      static_cast<uint16_t>(truncateToInteger(pageHeight / kMmPerInch * res));
+  const uint16_t gapDots = static_cast<uint16_t>(truncateToInteger(gap / kMmPerInch * res));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "OTCSendPaperInfo: settings->pageWidth:%f",
+                static_cast<double>(widthDots));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "OTCSendPaperInfo: settings->pageHeight:%f",
+                static_cast<double>(heightDots));
+
+  uint8_t* info = state_.bLabelInfo;
+  info[3] = media;
+  putLe16(info + 4, widthDots);
+  putLe16(info + 6, heightDots);
+  putLe16(info + 8, gapDots);
+  info[10] = 0;
+  info[11] = 0;
+  putLe16(info + 12, state_.PageNum);
+  return true;
+}
+
+void OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits) {
+  const long need = CalcBlackPoints(bits, size, extent, nullptr, 0);
+  if (need <= 0)
+    return;
+  // Zeroed, so the margin bytes of every row record are 0.
+  std::unique_ptr<unsigned char, FreeDeleter> records(
+      static_cast<unsigned char*>(calloc(1, static_cast<size_t>(need))));
+  if (!records)
+    return;
+  CalcBlackPoints(bits, size, extent, records.get(), need);
+  OutputImage(need, static_cast<int>(extent.cy), records.get());
+}
+
+long OstraPrinter::CalcBlackPoints(unsigned char* bits, long size, SIZEL extent, unsigned char* out,
+                                   long outSize) {
+  if (extent.cy <= 0 || size < 0)
+    return 0;
+  const long rowBytes = size / extent.cy;
+  // Centre the image on the media, rounded up to whole bytes, in single
+  // precision; a page wider than the media gets no margin.
+  const float maxMedia = settings_ != nullptr ? settings_->MaxMediaWidth : 0.0f;
+  const float marginF = ((maxMedia - static_cast<float>(extent.cx)) / 2 + 7) / 8;
+  long margin = static_cast<long>(truncateToInteger(marginF));
+  if (margin < 0)
+    margin = 0;
+  const long stride = rowBytes + 2 + margin;
+  const long result = stride * extent.cy;
+  if (out == nullptr || outSize != result)
+    return result;
+
+  for (long r = 0; r < extent.cy; ++r) {
+    const unsigned char* row = bits + r * rowBytes;
+    unsigned dots = 0;
+    for (long i = 0; i < rowBytes; ++i)
+      dots += static_cast<unsigned>(__builtin_popcount(row[i]));
+    unsigned char* record = out + r * stride;
+    putLe16(record, dots);
+    memset(record + 2, 0, static_cast<size_t>(margin));
+    memcpy(record + 2 + margin, row, static_cast<size_t>(rowBytes));
+  }
+  return result;
+}
+
+void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
+  if (height <= 0 || size <= 0)
+    return;
+  uint8_t rasterHeader[8];
+  memcpy(rasterHeader, kRasterCommand, sizeof(kRasterCommand));
+  putLe16(rasterHeader + 4, static_cast<unsigned>(size / height));
+  putLe16(rasterHeader + 6, static_cast<unsigned>(height));
+
+  const size_t total = static_cast<size_t>(size) + kRecordHeaderSize;
+  std::unique_ptr<unsigned char, FreeDeleter> page(static_cast<unsigned char*>(malloc(total)));
+  if (!page)
+    return;
+  memcpy(page.get(), state_.bLabelInfo, sizeof(state_.bLabelInfo));
+  memcpy(page.get() + sizeof(state_.bLabelInfo), rasterHeader, sizeof(rasterHeader));
+  memcpy(page.get() + kRecordHeaderSize, records, static_cast<size_t>(size));
+
+  // The job id field is not terminated when the id fills it.
+  char jobId[kSettingsJobIdLen + 1] = {0};
+  if (settings_ != nullptr)
+    memcpy(jobId, settings_->JobId, kSettingsJobIdLen);
+  DumpPageToFile(state_.PageNum, atoi(jobId), page.get(), static_cast<long>(total));
+  ++state_.PageNum;
+}
+
+void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data,
+                                  long size) {
+  if (size == 0)
+    return;
+  const std::string& dir = paths_.spoolDir;
+  if (access(dir.c_str(), F_OK) != 0)
+    mkdir(dir.c_str(), 0700);
+
+  std::string path;
+  for (int n = 0; n < kMaxNameSuffix; ++n) {
+    char name[64];
+    snprintf(name, sizeof(name), "/page_%04d_jobid_%06d_%04d.dat", pageNum, jobId, n);
+    path = dir + name;
+    FILE* existing = fopen(path.c_str(), "r");
+    if (existing == nullptr)
+      break;
+    fclose(existing);
+  }
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f == nullptr)
+    return;
+  fwrite(data, static_cast<size_t>(size), 1, f);
+  fclose(f);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: dumped the page data to file:%s, size:%d",
+                path.c_str(), static_cast<int>(size));
+}

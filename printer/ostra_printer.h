@@ -1,0 +1,52 @@
+// The Ostra label printer's command set: the print-setting block on the output
+// streams, and one page record file (label size block and raster) per page.
+#ifndef OSTRA_PRINTER_OSTRA_PRINTER_H
+#define OSTRA_PRINTER_OSTRA_PRINTER_H
+
+#include <cstdint>
+
+#include "common/settings.h"
+#include "printer/kiwa_printer.h"
+
+struct SIZEL {
+  long cx;
+  long cy;
+};
+
+class OstraPrinter : public KiwaPrinter {
+ public:
+  OstraPrinter(PrinterState& state, const PrinterPaths& paths = PrinterPaths());
+  ~OstraPrinter() override;
+
+  void setSettings(Settings* settings) { settings_ = settings; }
+  Settings* getSettings() const { return settings_; }
+
+  // Sends ESC 's' 01 00 00 speed darkness, built from the job settings.
+  bool SendPrintSetting();
+  // Fills the "SIZ" label-size block for the current page.
+  bool OTCSendPaperInfo();
+  void OTCSendImage(long size, SIZEL extent, unsigned char* bits);
+  // Byte count of the row records; fills `out` only when outSize equals it.
+  long CalcBlackPoints(unsigned char* bits, long size, SIZEL extent, unsigned char* out,
+                       long outSize);
+  void OutputImage(long size, int height, unsigned char* records);
+  void DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data, long size);
+
+  // Path of this printer's page counter file.
+  std::string pageCounterPath() const;
+
+ protected:
+  void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
+                    unsigned long width) override;
+
+  int32_t rowStride_ = 0;
+  Settings* settings_ = nullptr;
+};
+
+// Per page, before its pixels are read: reload the page counter and send the
+// print-setting block.
+void jobSetup(OstraPrinter* printer, Settings* settings);
+// Once after the last page: wrap the counter at 9000 and store it.
+void jobEnd(OstraPrinter* printer, Settings* settings);
+
+#endif  // OSTRA_PRINTER_OSTRA_PRINTER_H

@@ -1,0 +1,129 @@
+#include "printer/kiwa_printer.h"
+
+namespace {
+
+constexpr int kBrightnessScale = 5;
+constexpr int kContrastScale = 2;
+
+bool isStencilType(DitherType type) {
+  return type == DITHER_TATTOO || type == DITHER_TATTOO_Q7;
+}
+
+}  // namespace
+
+void KiwaPrinter::copyPixels(CxImage& image, unsigned char* out, int width, int height, int stride,
+                             size_t outSize) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const size_t at = static_cast<size_t>(y) * stride + x;
+      if (at < outSize)
+        out[at] = image.GetPixelIndex(x, y);
+    }
+  }
+}
+
+void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int width, int height,
+                                      int stride, size_t outSize) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      unsigned char v = image->GetPixelIndex(x, y);
+      if (v == 1)
+        v = 255;
+      if (isNegativePrint())
+        v = static_cast<unsigned char>(~v);
+      const size_t at = static_cast<size_t>(y) * stride + x;
+      if (at < outSize)
+        out[at] = v;
+    }
+  }
+}
+
+long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride, int width,
+                              int height, unsigned char* out, size_t outSize) {
+  useRVDithering_ = isStencilType(halftoneType_);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
+                useRVDithering_ ? "enabled" : "disabled");
+
+  if (!image_.CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
+                              static_cast<uint32_t>(stride), false)) {
+    kiwaLogCommon(KIWA_LOG_CRIT, "cximage.CreateFromArray with grey failed!");
+    return 0;
+  }
+  kiwaLogCommon(KIWA_LOG_DEBUG,
+                "PageProcess: Successfully created CxImage from array with stride %d", stride);
+
+  if (brightness_ != 0 || contrast_ != 0) {
+    image_.Light(brightness_ * kBrightnessScale, contrast_ * kContrastScale);
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Adjusted brightness to %d and contrast to %d",
+                  brightness_ * kBrightnessScale, contrast_ * kContrastScale);
+  }
+  // Rotation always comes before mirroring.
+  if (isRotate180Print()) {
+    image_.Rotate180();
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Rotated the image 180 degrees");
+  }
+  if (isMirrorPrint()) {
+    image_.Mirror();
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Mirrored the image");
+  }
+
+  if (useRVDithering_) {
+    kiwaLogCommon(KIWA_LOG_ERROR,
+                  "PageProcess: the stencil halftone %s is not available in this build",
+                  kiwaHalftoneTypeToStr(halftoneType_));
+    return 0;
+  }
+  image_.Dither(method);
+  image_.IncreaseBpp(8);
+  pimage = &image_;
+  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
+
+  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: negativePrint_ %d", isNegativePrint() ? 1 : 0);
+  if (isNegativePrint()) {
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Inverting the image for negative print");
+    pimage->Negative();
+  }
+  if (antiWrinkle_ != 0) {
+    kiwaLogCommon(KIWA_LOG_ERROR,
+                  "PageProcess: the anti-wrinkle frame (level %d) is not available in this build",
+                  antiWrinkle_);
+  }
+
+  // copyProcessedPixels inverts again under negative printing, so `out` holds
+  // the page inverted twice; the printer prints from pimage, not from `out`.
+  const int rowBytes = static_cast<int>(pimage->GetEffWidth());
+  copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()),
+                      static_cast<int>(pimage->GetHeight()), rowBytes, outSize);
+  const long length = static_cast<long>(height) * rowBytes;
+  kiwaLogCommon(KIWA_LOG_DEBUG,
+                "PageProcess: Filled the output buffer with processed pixels, length: %d",
+                static_cast<int>(length));
+  return length;
+}
+
+int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
+  const unsigned long skip = skipRightPixels_;
+  int wb = rowBytes;
+  if (skip != 0 && skip < static_cast<unsigned long>(rowBytes))
+    wb = rowBytes - static_cast<int>(skip);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "GrayToMono, bpl(%d), h(%d), skipPixels(%d), wb(%d)", rowBytes,
+                height, static_cast<int>(skip), wb);
+
+  // Packed in place: every output byte lands at or before the byte being read.
+  size_t o = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* row = buf + static_cast<size_t>(y) * rowBytes;
+    unsigned char acc = 0;
+    for (int x = 0; x < wb; ++x) {
+      if (row[x] != 0)
+        acc |= static_cast<unsigned char>(0x80 >> (x % 8));
+      if (x % 8 == 7) {
+        buf[o++] = acc;
+        acc = 0;
+      }
+    }
+    if (wb % 8 != 0)
+      buf[o++] = acc;
+  }
+  return static_cast<int>(o);
+}
