@@ -2,7 +2,8 @@
 # The main job: turns the bundled sample PDF into CUPS raster with CUPS's own
 # filter chain and the shipped PPD, runs rastertoostra on it as CUPS would
 # (in a private mount namespace, so the real /tmp and spool stay untouched),
-# and shows what the filter made of the job. Everything lands in out/.
+# shows what the filter made of the job and renders every page record it wrote
+# as a PNG of the dots the printer will print. Everything lands in out/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,5 +35,16 @@ grep -E '^DEBUG:(PAGE: |header\.cups(Width|Height|BitsPerPixel|ColorSpace):|head
 echo "-- last page geometry (/tmp/xxxxx.log):"
 sed 's/^/   /' "$out/sandbox/tmp/xxxxx.log" 2>/dev/null || echo "   (none)"
 grep -E '^(ERROR|CRIT)' "$out/filter.log" || true
-echo "== exit status $status; full log in out/filter.log"
+echo "-- print-setting blocks sent to the printer (standard output):"
+od -An -tx1 -v "$out/printer-stream.bin" | sed 's/^/  /'
+echo "-- page records, as the printer will print them:"
+mkdir -p "$out/preview"
+records=("$out"/sandbox/spool/otv6data/page_*.dat)
+if [ -e "${records[0]}" ]; then
+  (cd "$out/sandbox/spool/otv6data" && "$OLDPWD/$build/ostra-preview" -o "$out/preview" page_*.dat) \
+    | sed 's/^/   /'
+else
+  echo "   (none)"
+fi
+echo "== exit status $status; full log in out/filter.log, previews in out/preview/"
 exit "$status"
