@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/log_capture.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,20 +11,6 @@
 #include <string>
 
 namespace {
-
-// Collects what `body` logs, then hands the log back to standard error.
-std::string captureLog(const std::function<void()>& body) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* mem = open_memstream(&data, &size);
-  kiwaLogSetStream(mem);
-  body();
-  kiwaLogSetStream(nullptr);
-  fclose(mem);
-  std::string text(data, size);
-  free(data);
-  return text;
-}
 
 TEST(KiwaLogCommon, WritesLevelWordMessageAndNewline) {
   const struct {

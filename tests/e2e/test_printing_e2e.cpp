@@ -1,0 +1,170 @@
+// A real PDF through CUPS's own chain and the filter, for every ordinary
+// halftone type, checked on the page records through ostra-preview.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/filter_runner.h"
+#include "tools/page_record.h"
+
+namespace {
+
+const std::string kPpd = std::string(OSTRA_SOURCE_DIR) + "/ppd/ostra.ppd";
+const std::string kSamplePdf = std::string(OSTRA_SOURCE_DIR) + "/samples/sample.pdf";
+constexpr double kDotsPerPoint = 203.0 / 72.0;
+constexpr int kPageWidthDots = 812;  // 4 in at 203 dpi
+constexpr double kPageHeightPt = 432;
+
+// The sample as CUPS rasterises it for the shipped PPD, made in the running
+// test's own directory (tests run in parallel processes).
+std::string sampleRaster() {
+  const std::string dir = testWorkDir();
+  const std::string raster = dir + "/sample.ras";
+  if (fileExists(raster))
+    return raster;
+  const std::string cmd = "cupsfilter -p '" + kPpd + "' -m application/vnd.cups-raster '" +
+                          kSamplePdf + "' > '" + raster + "' 2> '" + dir + "/cupsfilter.log'";
+  return system(cmd.c_str()) == 0 ? raster : std::string();
+}
+
+struct Printed {
+  FilterRun run;
+  std::vector<PageRecord> pages;
+  std::string previewOut;
+};
+
+Printed print(const std::string& options) {
+  Printed p;
+  FilterCall call;
+  call.args = {"42", "artist", "sample", "1", options, sampleRaster()};
+  call.env["PPD"] = kPpd;
+  call.env["PRINTER"] = "ostra-test";
+  p.run = runFilter(call);
+  const std::string dir = p.run.spoolDir + "/otv6data";
+  // ostra-preview checks every record (dot counts against bits) and draws it.
+  const std::string cmd = "cd '" + dir + "' && '" OSTRA_PREVIEW_PATH "' page_*.dat > preview.txt";
+  EXPECT_EQ(system(cmd.c_str()), 0) << readFile(dir + "/preview.txt");
+  p.previewOut = readFile(dir + "/preview.txt");
+  for (const char* name : {"page_0001_jobid_000042_0000.dat", "page_0002_jobid_000042_0000.dat"}) {
+    const std::string text = readFile(dir + "/" + name);
+    PageRecord record;
+    std::string error;
+    EXPECT_TRUE(decodePageRecord(std::vector<uint8_t>(text.begin(), text.end()), &record, &error))
+        << name << ": " << error;
+    p.pages.push_back(record);
+  }
+  return p;
+}
+
+// Share of printed dots in a rectangle given in PDF points (origin bottom left).
+double inkShare(const PageRecord& page, double x0, double y0, double x1, double y1) {
+  const size_t margin = page.width - static_cast<size_t>((kPageWidthDots + 7) / 8 * 8);
+  const int left = static_cast<int>(x0 * kDotsPerPoint);
+  const int right = static_cast<int>(x1 * kDotsPerPoint);
+  const int top = static_cast<int>((kPageHeightPt - y1) * kDotsPerPoint);
+  const int bottom = static_cast<int>((kPageHeightPt - y0) * kDotsPerPoint);
+  if (page.dots.size() < static_cast<size_t>(bottom) * page.width)
+    return -1.0;  // not decoded
+  size_t dots = 0, all = 0;
+  for (int y = top; y < bottom; ++y) {
+    for (int x = left; x < right; ++x) {
+      dots += page.dots[static_cast<size_t>(y) * page.width + margin + x];
+      ++all;
+    }
+  }
+  return static_cast<double>(dots) / all;
+}
+
+// Regions of page 1 of the sample: the solid header bar, blank paper beside
+// the address, and the lightest, a middle and the darkest of the gray steps.
+double headerBar(const PageRecord& p) {
+  return inkShare(p, 20, 373, 260, 386);
+}
+double blankPaper(const PageRecord& p) {
+  return inkShare(p, 215, 290, 270, 360);
+}
+double grayStep(const PageRecord& p, int i) {
+  return inkShare(p, 27 + 24 * i, 45, 45 + 24 * i, 95);
+}
+
+const char* const kOrdinaryTypes[] = {"None",   "FloydSteinberg",    "Ordered", "Burkes",
+                                      "Stucki", "JarvisJudiceNinke", "Sierra",  "StevensonArce"};
+
+TEST(PrintingSample, EveryOrdinaryHalftonePrintsDarkPartsAsDots) {
+  ASSERT_FALSE(sampleRaster().empty()) << "cupsfilter failed";
+  for (const char* type : kOrdinaryTypes) {
+    SCOPED_TRACE(type);
+    const Printed p = print(std::string("HalftoneType=") + type);
+    ASSERT_TRUE(p.run.error.empty()) << p.run.error;
+    EXPECT_EQ(p.run.status, 0) << p.run.err;
+    // One print-setting block per page: speed "4" is sent as 2, Middle as 1.
+    EXPECT_EQ(p.run.out,
+              std::string("\x1b\x73\x01\x00\x00\x02\x01\x1b\x73\x01\x00\x00\x02\x01", 14));
+    ASSERT_EQ(p.pages.size(), 2u);
+    EXPECT_EQ(splitLines(p.previewOut).size(), 2u);
+    const PageRecord& page = p.pages[0];
+    EXPECT_EQ(page.rows, 1218);
+    EXPECT_EQ(page.labelWidth, 811);  // 812 dots through millimetres, truncated
+    EXPECT_EQ(headerBar(page), 1.0);
+    EXPECT_EQ(blankPaper(page), 0.0);
+    EXPECT_EQ(grayStep(page, 0), 0.0);
+    EXPECT_EQ(grayStep(page, 9), 1.0);
+    // About 44% ink: the fixed threshold drops it, every screen renders a share.
+    const double middle = grayStep(page, 4);
+    if (std::string(type) == "None") {
+      EXPECT_EQ(middle, 0.0);
+    } else {
+      EXPECT_GT(middle, 0.3);
+      EXPECT_LT(middle, 0.6);
+    }
+  }
+}
+
+TEST(PrintingSample, MirrorSwapsLeftAndRight) {
+  ASSERT_FALSE(sampleRaster().empty());
+  for (const char* type : {"None", "Ordered", "StevensonArce"}) {
+    SCOPED_TRACE(type);
+    const Printed plain = print(std::string("HalftoneType=") + type);
+    const Printed mirrored = print(std::string("MirrorImage=True HalftoneType=") + type);
+    ASSERT_EQ(mirrored.pages.size(), 2u);
+    const PageRecord& page = mirrored.pages[0];
+    // The darkest step now lies where the lightest was, and the other way round.
+    EXPECT_EQ(grayStep(page, 0), 1.0);
+    EXPECT_EQ(grayStep(page, 9), 0.0);
+    // Only the threshold keeps the same dots; screens and diffusion are
+    // anchored at column 0 and run left to right, so their totals may differ.
+    if (std::string(type) == "None") {
+      EXPECT_EQ(page.blackDots, plain.pages[0].blackDots);
+    }
+  }
+}
+
+// Negative printing complements the processed indices 0 and 1 into 255 and
+// 254, both of which are ink: on the ordinary halftones the page prints solid.
+TEST(PrintingSample, NegativeOnOrdinaryHalftonesPrintsEveryDot) {
+  ASSERT_FALSE(sampleRaster().empty());
+  const Printed p = print("NegativeImage=True HalftoneType=Burkes");
+  ASSERT_EQ(p.pages.size(), 2u);
+  for (const PageRecord& page : p.pages) {
+    EXPECT_EQ(headerBar(page), 1.0);
+    EXPECT_EQ(blankPaper(page), 1.0);
+    EXPECT_EQ(page.blackDots, static_cast<uint64_t>(kPageWidthDots) * page.rows);
+  }
+}
+
+TEST(PrintingSample, PageCounterRunsOnAcrossPagesAndIsStored) {
+  ASSERT_FALSE(sampleRaster().empty());
+  const Printed p = print("");
+  ASSERT_EQ(p.pages.size(), 2u);
+  // No stored counter yet: the pages are numbered 1 and 2, and 3 is stored.
+  EXPECT_EQ(p.pages[0].pageNumber, 1);
+  EXPECT_EQ(p.pages[1].pageNumber, 2);
+  EXPECT_EQ(readFile(p.run.spoolDir + "/otv6data/ostra-test.pgc"), std::string("\x03\x00", 2));
+  EXPECT_EQ(p.pages[0].media, 1);
+  EXPECT_EQ(p.pages[0].gapHeight, 23);  // 3 mm at 203 dpi
+}
+
+}  // namespace
