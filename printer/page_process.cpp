@@ -1,3 +1,4 @@
+#include "enhance/rv_enhance.h"
 #include "printer/kiwa_printer.h"
 
 namespace {
@@ -68,15 +69,37 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
   }
 
   if (useRVDithering_) {
-    kiwaLogCommon(KIWA_LOG_ERROR,
-                  "PageProcess: the stencil halftone %s is not available in this build",
-                  kiwaHalftoneTypeToStr(halftoneType_));
-    return 0;
+    copyPixels(image_, out, width, height, stride, outSize);
+    kiwaLogCommon(KIWA_LOG_DEBUG,
+                  "PageProcess: Copied pixels to the output buffer for RV dithering, with stride "
+                  "%d, EffWidth %d",
+                  stride, static_cast<int>(image_.GetEffWidth()));
+    // The chain reads the first width x height bytes as packed rows, which is
+    // the page exactly when the stride equals the width, as on 8-bit pages.
+    RVImage source(width, height, RV_IMG_GRAY, out);
+    const RVImage result =
+        halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source) : rvTattooDithering(source);
+    const int resultStride = (result.width + 3) / 4 * 4;
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
+                  resultStride, width);
+    // Rows of the result are `width` bytes long, whatever resultStride says.
+    if (result.data == nullptr ||
+        !rvImage_.CreateFromArray(result.data, static_cast<uint32_t>(width),
+                                  static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
+                                  false)) {
+      kiwaLogCommon(KIWA_LOG_ERROR,
+                    "PageProcess: Failed to create a new CxImage from RV dithered data");
+      return 0;
+    }
+    kiwaLogCommon(KIWA_LOG_DEBUG,
+                  "PageProcess: Successfully created a new CxImage from RV dithered data");
+    pimage = &rvImage_;
+  } else {
+    image_.Dither(method);
+    image_.IncreaseBpp(8);
+    pimage = &image_;
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
   }
-  image_.Dither(method);
-  image_.IncreaseBpp(8);
-  pimage = &image_;
-  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
 
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: negativePrint_ %d", isNegativePrint() ? 1 : 0);
   if (isNegativePrint()) {

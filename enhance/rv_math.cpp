@@ -1,0 +1,185 @@
+#include <cstring>
+
+#include "enhance/rv_math.h"
+
+namespace {
+
+constexpr float kTolerance = 1e-6f;
+constexpr double kSeriesTolerance = 1e-6;
+constexpr int kExpTerms = 20;
+// Far more steps than any converging input needs; only inputs that would
+// circle between two floats for ever reach it.
+constexpr int kMaxIterations = 100000;
+
+bool isNaN(float v) {
+  return v != v;
+}
+bool isInfinite(float v) {
+  return v - v != v - v && !isNaN(v);
+}
+
+}  // namespace
+
+int32_t rvChannelsFor(RV_IMG_COLOR color) {
+  if (color == RV_IMG_GRAY)
+    return 1;
+  if (color >= 1 && color < 3)
+    return 3;
+  return 4;
+}
+
+RVImage::RVImage(int w, int h, RV_IMG_COLOR c, const unsigned char* src)
+    : width(w), height(h), channels(rvChannelsFor(c)), color(c) {
+  allocate(src);
+}
+
+RVImage::RVImage(int w, int h, RV_IMG_COLOR c)
+    : width(w), height(h), channels(rvChannelsFor(c)), color(c) {
+  allocate(nullptr);
+}
+
+RVImage::RVImage(const RVImage& other)
+    : width(other.width), height(other.height), channels(other.channels), color(other.color) {
+  allocate(other.data);
+}
+
+RVImage& RVImage::operator=(const RVImage& other) {
+  if (&other == this) {
+    // Assigning an image to itself has always left a fresh buffer behind.
+    delete[] data;
+    data = nullptr;
+    allocate(nullptr);
+    return *this;
+  }
+  width = other.width;
+  height = other.height;
+  channels = other.channels;
+  color = other.color;
+  delete[] data;
+  data = nullptr;
+  allocate(other.data);
+  return *this;
+}
+
+RVImage::~RVImage() {
+  width = 0;
+  height = 0;
+  channels = 0;
+  delete[] data;
+  data = nullptr;
+}
+
+int64_t RVImage::byteCount() const {
+  const int64_t n = static_cast<int64_t>(width) * height * channels;
+  return n > 0 ? n : 0;
+}
+
+void RVImage::allocate(const unsigned char* src) {
+  const int64_t n = byteCount();
+  if (n == 0)
+    return;
+  data = new unsigned char[static_cast<size_t>(n)]();
+  if (src != nullptr)
+    memcpy(data, src, static_cast<size_t>(n));
+}
+
+float myabs(float v) {
+  return 0.0f > v ? -v : v;
+}
+
+float my_sqrt(float x) {
+  if (0.0f > x)
+    return -1.0f;
+  if (x == 0.0f)
+    return 0.0f;
+  if (isNaN(x) || isInfinite(x))
+    return x;
+  float g = x / 2.0f;
+  for (int i = 0; i < kMaxIterations; ++i) {
+    const float n = 0.5f * (g + x / g);
+    // The estimate from before the last step is the result.
+    if (myabs(n - g) < kTolerance)
+      return g;
+    g = n;
+  }
+  return g;
+}
+
+float my_exp(float x) {
+  if (0.0f > x) {
+    const float e = my_exp(-x);
+    return static_cast<float>(1.0 / static_cast<double>(e));
+  }
+  float sum = 1.0f;
+  float term = 1.0f;
+  for (int n = 1; n <= kExpTerms; ++n) {
+    term = (x / static_cast<float>(n)) * term;
+    sum = term + sum;
+    if (static_cast<double>(term) < kSeriesTolerance)
+      break;
+  }
+  return sum;
+}
+
+float my_ln(float x) {
+  if (0.0f >= x)
+    return -1.0f;
+  if (isNaN(x) || isInfinite(x))
+    return x;
+  float g = (x - 1.0f) / (1.0f + x);
+  for (int i = 0; i < kMaxIterations; ++i) {
+    // A fixed-slope step: the correction is divided by x, not by exp(g).
+    const float n = g - (my_exp(g) - x) / x;
+    if (myabs(n - g) < kTolerance)
+      return g;
+    g = n;
+  }
+  return g;
+}
+
+float my_pow(float x, float y) {
+  if (x == 0.0f) {
+    if (y == 0.0f)
+      return 1.0f;
+    if (y > 0.0f)
+      return 0.0f;
+    return -1.0f;
+  }
+  if (0.0f > x) {
+    // Only whole exponents are allowed for a negative base.
+    if (!(y >= -2147483648.0f && y < 2147483648.0f))
+      return -1.0f;
+    const float fraction = y - static_cast<float>(static_cast<int32_t>(y));
+    if (fraction != 0.0f)
+      return -1.0f;
+  }
+  return my_exp(y * my_ln(x));
+}
+
+int rvTruncToInt(float v) {
+  if (!(v >= -2147483648.0f && v < 2147483648.0f))
+    return INT32_MIN;
+  return static_cast<int>(v);
+}
+
+int my_round(float x) {
+  if (static_cast<double>(x) >= 0.0)
+    return rvTruncToInt(x + 0.5f);
+  return rvTruncToInt(x - 0.5f);
+}
+
+int myClamp(int v, int lo, int hi) {
+  if (v < lo)
+    return lo;
+  if (v < hi)
+    return v;
+  return hi;
+}
+
+bool isWithinBounds(int x, int y, int width, int height) {
+  if (x < 0)
+    return false;
+  if (x >= width)
+    return false;
+  return y >= 0 && y < height;
+}

@@ -1,0 +1,103 @@
+#include <memory>
+
+#include "enhance/rv_enhance.h"
+
+namespace {
+
+struct Tap {
+  int dx;
+  int dy;
+  float weight;
+};
+
+// The stencil kernel, in the order the error is handed on. The weights sum to
+// about 0.94 and two are negative: a tuning, not to be normalised.
+const Tap kStencilTaps[] = {
+    {1, 0, 0.505786f},  {2, 0, -0.052926f}, {-2, 1, 0.226194f},
+    {-1, 1, 0.128835f}, {0, 1, 0.243191f},  {1, 1, -0.111078f},
+};
+
+// A white pixel beside black is taken as having printed this much less, which
+// thins white gaps between black strokes.
+constexpr float kNeighbourBonus = 0.1427f;
+
+constexpr int kFixedKnee = 64;
+constexpr float kToneGamma1 = 0.85f;
+constexpr float kToneGamma2 = 0.7f;
+constexpr float kQ7Gamma1 = 0.5f;
+constexpr float kQ7Gamma2 = 1.5f;
+constexpr float kSharpenPercent = 300.0f;
+constexpr int kSharpenSize = 11;
+
+// The width times height product as a signed 32-bit value, wrapping.
+bool isEmpty(const RVImage& image) {
+  const int64_t product = static_cast<int64_t>(image.width) * image.height;
+  return static_cast<int32_t>(static_cast<uint32_t>(product)) <= 0;
+}
+
+RVImage stencil(RVImage& image, bool q7) {
+  if (isEmpty(image))
+    return RVImage(image);
+  RVImage gray = cvtGray(image);
+  // Measured before the tone change; the first pipeline uses it only at the end.
+  const int t = thresh_global_moments(gray);
+  if (q7) {
+    enh_piecewise_gamma(gray, t, kQ7Gamma1, kQ7Gamma2);
+  } else {
+    enh_piecewise_gamma(gray, kFixedKnee, kToneGamma1, kToneGamma2);
+  }
+  const RVImage sharp = enh_unsharp_mask(gray, kSharpenPercent, kSharpenSize);
+  return edf_cus(sharp, t);
+}
+
+}  // namespace
+
+RVImage edf_cus(const RVImage& image, int threshold) {
+  const int w = image.width;
+  const int h = image.height;
+  RVImage out(w, h, RV_IMG_GRAY);
+  const int64_t n = static_cast<int64_t>(w) * h;
+  if (n <= 0)
+    return out;
+  std::unique_ptr<float[]> err(new float[static_cast<size_t>(n)]());
+  const float limit = static_cast<float>(threshold);
+
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      const int64_t i = static_cast<int64_t>(y) * w + x;
+      const float v = err[i] + static_cast<float>(image.data[i]);
+      float e;
+      if (v > limit) {
+        out.data[i] = 255;
+        if (y >= 1 && x >= 1 && y < h - 1 && x < w - 1) {
+          float s = 0.0f;
+          if (out.data[i - 1] == 0)
+            s += kNeighbourBonus;
+          if (out.data[i - w] == 0)
+            s += kNeighbourBonus;
+          e = (1.0f - s) * -255.0f + v;
+        } else {
+          e = v - 255.0f;
+        }
+      } else {
+        out.data[i] = 0;
+        e = v;
+      }
+      for (const Tap& tap : kStencilTaps) {
+        const int nx = x + tap.dx;
+        const int ny = y + tap.dy;
+        if (isWithinBounds(nx, ny, w, h))
+          err[static_cast<int64_t>(ny) * w + nx] += e * tap.weight;
+      }
+    }
+  }
+  return out;
+}
+
+RVImage rvTattooDithering(RVImage& image) {
+  return stencil(image, false);
+}
+
+RVImage rvTattooDitheringQ7(RVImage& image) {
+  return stencil(image, true);
+}
