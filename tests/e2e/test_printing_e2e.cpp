@@ -1,8 +1,11 @@
-// A real PDF through CUPS's own chain and the filter, for every ordinary
-// halftone type, checked on the page records through ostra-preview.
+// Real documents through CUPS's own chain and the filter: a PDF for every
+// ordinary halftone type and a photograph for both stencil types, checked on
+// the page records through ostra-preview.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -12,34 +15,45 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 const std::string kPpd = std::string(OSTRA_SOURCE_DIR) + "/ppd/ostra.ppd";
 const std::string kSamplePdf = std::string(OSTRA_SOURCE_DIR) + "/samples/sample.pdf";
+// A photograph from Debian's imagemagick-6-doc, installed by scripts/setup.sh.
+const std::string kPhoto = "/usr/share/doc/imagemagick-6-common/html/images/bluebells_lin.jpg";
 constexpr double kDotsPerPoint = 203.0 / 72.0;
 constexpr int kPageWidthDots = 812;  // 4 in at 203 dpi
 constexpr double kPageHeightPt = 432;
 
-// The sample as CUPS rasterises it for the shipped PPD, made in the running
+// A document as CUPS rasterises it for the shipped PPD, made in the running
 // test's own directory (tests run in parallel processes).
-std::string sampleRaster() {
+std::string rasterise(const std::string& document, const std::string& options = "") {
   const std::string dir = testWorkDir();
-  const std::string raster = dir + "/sample.ras";
+  const std::string raster = dir + "/" + fs::path(document).stem().string() + ".ras";
   if (fileExists(raster))
     return raster;
-  const std::string cmd = "cupsfilter -p '" + kPpd + "' -m application/vnd.cups-raster '" +
-                          kSamplePdf + "' > '" + raster + "' 2> '" + dir + "/cupsfilter.log'";
+  const std::string cmd = "cupsfilter -p '" + kPpd + "' -m application/vnd.cups-raster " +
+                          (options.empty() ? "" : "-o '" + options + "' ") + "'" + document +
+                          "' > '" + raster + "' 2> '" + dir + "/cupsfilter.log'";
   return system(cmd.c_str()) == 0 ? raster : std::string();
+}
+
+std::string sampleRaster() {
+  return rasterise(kSamplePdf);
 }
 
 struct Printed {
   FilterRun run;
   std::vector<PageRecord> pages;
+  std::vector<std::string> files;
   std::string previewOut;
 };
 
-Printed print(const std::string& options) {
+Printed print(const std::string& options, const std::string& raster = sampleRaster(),
+              int pageCount = 2) {
   Printed p;
   FilterCall call;
-  call.args = {"42", "artist", "sample", "1", options, sampleRaster()};
+  call.args = {"42", "artist", "sample", "1", options, raster};
   call.env["PPD"] = kPpd;
   call.env["PRINTER"] = "ostra-test";
   p.run = runFilter(call);
@@ -48,11 +62,14 @@ Printed print(const std::string& options) {
   const std::string cmd = "cd '" + dir + "' && '" OSTRA_PREVIEW_PATH "' page_*.dat > preview.txt";
   EXPECT_EQ(system(cmd.c_str()), 0) << readFile(dir + "/preview.txt");
   p.previewOut = readFile(dir + "/preview.txt");
-  for (const char* name : {"page_0001_jobid_000042_0000.dat", "page_0002_jobid_000042_0000.dat"}) {
-    const std::string text = readFile(dir + "/" + name);
+  for (int page = 1; page <= pageCount; ++page) {
+    char name[64];
+    snprintf(name, sizeof(name), "page_%04d_jobid_000042_0000.dat", page);
+    p.files.push_back(readFile(dir + "/" + name));
     PageRecord record;
     std::string error;
-    EXPECT_TRUE(decodePageRecord(std::vector<uint8_t>(text.begin(), text.end()), &record, &error))
+    EXPECT_TRUE(decodePageRecord(std::vector<uint8_t>(p.files.back().begin(), p.files.back().end()),
+                                 &record, &error))
         << name << ": " << error;
     p.pages.push_back(record);
   }
@@ -165,6 +182,36 @@ TEST(PrintingSample, PageCounterRunsOnAcrossPagesAndIsStored) {
   EXPECT_EQ(readFile(p.run.spoolDir + "/otv6data/ostra-test.pgc"), std::string("\x03\x00", 2));
   EXPECT_EQ(p.pages[0].media, 1);
   EXPECT_EQ(p.pages[0].gapHeight, 23);  // 3 mm at 203 dpi
+}
+
+// The stencil chain on a photograph: both types print a two-level picture of
+// it, each its own, and the same job always prints the same dots.
+TEST(PrintingPhoto, StencilTypesPrintThePhotograph) {
+  ASSERT_TRUE(fileExists(kPhoto)) << kPhoto << " is missing: run scripts/setup.sh";
+  const std::string raster = rasterise(kPhoto, "PageSize=Tattoo_A6");
+  ASSERT_FALSE(raster.empty()) << "cupsfilter failed";
+  std::vector<std::string> records;
+  for (const char* type : {"Tattoo", "Tattoo_Q7"}) {
+    SCOPED_TRACE(type);
+    const Printed p = print(std::string("HalftoneType=") + type, raster, 1);
+    ASSERT_TRUE(p.run.error.empty()) << p.run.error;
+    EXPECT_EQ(p.run.status, 0) << p.run.err;
+    EXPECT_NE(p.run.err.find("DEBUG:PageProcess: RV dithering is enabled\n"), std::string::npos);
+    EXPECT_NE(p.run.err.find("DEBUG:PageProcess: Successfully created a new CxImage from RV "
+                             "dithered data\n"),
+              std::string::npos);
+    ASSERT_EQ(p.pages.size(), 1u);
+    const PageRecord& page = p.pages[0];
+    ASSERT_GT(page.rows, 0);
+    const double share = static_cast<double>(page.blackDots) / (page.rows * 839.0);
+    EXPECT_GT(share, 0.2);
+    EXPECT_LT(share, 0.8);
+    const Printed again = print(std::string("HalftoneType=") + type, raster, 1);
+    EXPECT_EQ(again.files, p.files);
+    records.push_back(p.files[0]);
+  }
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_NE(records[0], records[1]);
 }
 
 }  // namespace
