@@ -112,6 +112,10 @@ class KiwaPrinter {
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                  unsigned long width, unsigned short bpp);
 
+  // Centres the page on the canvas of its page size and draws the solid
+  // frame whose side bars grow with the anti-wrinkle level.
+  void EnableAntiWrink(CxImage& image);
+
   const CxImage* processedImage() const { return pimage; }
   const PrinterPaths& paths() const { return paths_; }
   PrinterState& state() { return state_; }

@@ -94,10 +94,12 @@ bool OstraPrinter::SendPrintSetting() {
 
 void OstraPrinter::doPrintImage(unsigned char* bits, unsigned long /*bytesPerLine*/,
                                 unsigned long height, unsigned long width) {
-  if (vBarcodeOpt_ == 1 || vBarcodeOpt_ == 2) {
-    kiwaLogCommon(KIWA_LOG_ERROR,
-                  "doPrintImage: barcode optimisation mode %d is not available in this build",
-                  vBarcodeOpt_);
+  if (vBarcodeOpt_ == 1) {
+    ApplyDashedLine(bits, static_cast<int>(width), static_cast<int>(height));
+    OptimazeBarcode1(bits, static_cast<int>(width), static_cast<int>(height));
+  } else if (vBarcodeOpt_ == 2) {
+    ApplyDashedLine(bits, static_cast<int>(width), static_cast<int>(height));
+    OptimazeBarcode2(bits, static_cast<int>(width), static_cast<int>(height));
   }
   // The pixel width is the row size on purpose: rows of a width that is not a
   // multiple of 4 are read from starts that drift left, as printers expect.

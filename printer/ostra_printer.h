@@ -32,6 +32,15 @@ class OstraPrinter : public KiwaPrinter {
   void OutputImage(long size, int height, unsigned char* records);
   void DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data, long size);
 
+  // Barcode touch-ups on the processed 8-bit page (255 full, 0 empty), rows
+  // (width + 3) / 4 * 4 bytes apart: dashes long solid horizontal runs, then
+  // thins bars at their edges by rows (mode 1) or by columns (mode 2).
+  void ApplyDashedLine(unsigned char* bits, int width, int height);
+  void OptimazeBarcode1(unsigned char* bits, int width, int height);
+  void OptimazeBarcode2(unsigned char* bits, int width, int height);
+  unsigned char getPix(unsigned char* bits, int x, int y);
+  void setPix(unsigned char* bits, int x, int y, unsigned char value);
+
   // Path of this printer's page counter file.
   std::string pageCounterPath() const;
 

@@ -106,11 +106,9 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Inverting the image for negative print");
     pimage->Negative();
   }
-  if (antiWrinkle_ != 0) {
-    kiwaLogCommon(KIWA_LOG_ERROR,
-                  "PageProcess: the anti-wrinkle frame (level %d) is not available in this build",
-                  antiWrinkle_);
-  }
+  // After negation, so the frame is never inverted.
+  if (antiWrinkle_ != 0)
+    EnableAntiWrink(*pimage);
 
   // copyProcessedPixels inverts again under negative printing, so `out` holds
   // the page inverted twice; the printer prints from pimage, not from `out`.
