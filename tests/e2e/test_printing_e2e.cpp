@@ -214,4 +214,78 @@ TEST(PrintingPhoto, StencilTypesPrintThePhotograph) {
   EXPECT_NE(records[0], records[1]);
 }
 
+// A real Code 128 barcode from Debian's `barcode`, upright on page 1 (bars
+// run down the label) and turned on page 2 (bars run across it, long enough to
+// be dashed), made into a PDF by ghostscript.
+std::string barcodePdf() {
+  const std::string dir = testWorkDir();
+  const std::string eps = dir + "/code128.eps";
+  const std::string ps = dir + "/barcode.ps";
+  const std::string pdf = dir + "/barcode.pdf";
+  if (system(("barcode -b OSTRA-4021-7734 -e 128 -E -o '" + eps + "'").c_str()) != 0)
+    return "";
+  const std::string body = readFile(eps);
+  std::ofstream(ps) << "%!PS\n<< /PageSize [288 432] >> setpagedevice\n"
+                    << "gsave 8 180 translate 1.3 2.5 scale\n"
+                    << body << "\ngrestore showpage\n"
+                    << "<< /PageSize [288 432] >> setpagedevice\n"
+                    << "gsave 270 8 translate 90 rotate 1.9 2.5 scale\n"
+                    << body << "\ngrestore showpage\n";
+  if (system(("ps2pdf '" + ps + "' '" + pdf + "'").c_str()) != 0)
+    return "";
+  return pdf;
+}
+
+// The touch-ups act on full pixels (255), which the stencil chain produces.
+// They only ever clear dots: modes 1 and 2 print a subset of mode 0, each
+// thins the orientation it is made for, and the bars survive.
+TEST(PrintingBarcode, DensityModesThinStencilBars) {
+  const std::string pdf = barcodePdf();
+  ASSERT_FALSE(pdf.empty()) << "barcode or ps2pdf failed";
+  const std::string raster = rasterise(pdf);
+  ASSERT_FALSE(raster.empty()) << "cupsfilter failed";
+  std::vector<Printed> modes;
+  for (const char* mode : {"0", "1", "2"}) {
+    modes.push_back(print(std::string("HalftoneType=Tattoo VBarcodeDensity=") + mode, raster, 2));
+    ASSERT_EQ(modes.back().run.status, 0) << modes.back().run.err;
+    ASSERT_EQ(modes.back().pages.size(), 2u);
+  }
+  EXPECT_EQ(modes[0].run.err.find("OptimazeBarcode"), std::string::npos);
+  EXPECT_NE(modes[1].run.err.find("DEBUG:OptimazeBarcode1 is applied!\n"), std::string::npos);
+  EXPECT_NE(modes[2].run.err.find("DEBUG:OptimazeBarcode2 is applied!\n"), std::string::npos);
+
+  for (int mode = 1; mode <= 2; ++mode) {
+    for (int page = 0; page < 2; ++page) {
+      SCOPED_TRACE(testing::Message() << "mode " << mode << " page " << page + 1);
+      const PageRecord& plain = modes[0].pages[page];
+      const PageRecord& thinned = modes[mode].pages[page];
+      ASSERT_EQ(thinned.dots.size(), plain.dots.size());
+      size_t added = 0;
+      for (size_t i = 0; i < plain.dots.size(); ++i)
+        added += thinned.dots[i] > plain.dots[i];
+      EXPECT_EQ(added, 0u);
+      EXPECT_LE(thinned.blackDots, plain.blackDots);
+      EXPECT_GT(thinned.blackDots, plain.blackDots * 4 / 10);
+    }
+  }
+  // Dashing and the row scan act on the turned bars, the column scan on both.
+  EXPECT_LT(modes[1].pages[1].blackDots, modes[0].pages[1].blackDots * 8 / 10);
+  EXPECT_LT(modes[2].pages[0].blackDots, modes[0].pages[0].blackDots);
+  EXPECT_LT(modes[2].pages[1].blackDots, modes[0].pages[1].blackDots);
+}
+
+// The ordinary halftones leave indices 0 and 1, never a full 255, so the
+// touch-ups find nothing to change there.
+TEST(PrintingBarcode, OrdinaryHalftonesGiveTheTouchUpsNothing) {
+  const std::string pdf = barcodePdf();
+  ASSERT_FALSE(pdf.empty());
+  const std::string raster = rasterise(pdf);
+  ASSERT_FALSE(raster.empty());
+  const Printed plain = print("VBarcodeDensity=0", raster, 2);
+  for (const char* mode : {"1", "2"}) {
+    const Printed touched = print(std::string("VBarcodeDensity=") + mode, raster, 2);
+    EXPECT_EQ(touched.files, plain.files) << mode;
+  }
+}
+
 }  // namespace
