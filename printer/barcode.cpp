@@ -103,7 +103,8 @@ void OstraPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) 
   if (width <= 0 || height <= 0) {
     kiwaLogCommon(KIWA_LOG_CRIT, "OptimazeBarcode2 CreateFromArray with image failed!");
   }
-  // Rows above the page are addressed near the top edge; those writes are dropped.
+  // The stagger reaches up to four rows above the bar end; a write above row 0
+  // is dropped (a run long enough to stagger keeps it below, but stay safe).
   const auto clear = [&](int x, int y) {
     if (y >= 0 && y < height)
       setPix(bits, x, y, kEmpty);
@@ -131,7 +132,7 @@ void OstraPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) 
           clear(x, y - 3);
         }
       }
-      // Trim the last pixel of a bar unless the gap below it is a single row.
+      // Trim the last pixel of a bar when ink follows within two rows below it.
       if (fullRun > kTrimRun && getPix(bits, x, y) == kFull && getPix(bits, x, y + 1) == kEmpty &&
           !(getPix(bits, x, y + 2) != kFull && getPix(bits, x, y + 3) != kFull)) {
         clear(x, y);
