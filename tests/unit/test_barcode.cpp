@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "printer/ostra_printer.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// An 8-bit page, rows (width + 3) / 4 * 4 bytes apart; no routine may touch
+// the marker in the padding.
+struct Page {
+  Page(int width, int height)
+      : w(width), h(height), stride((width + 3) / 4 * 4), b(stride * height, 0) {
+    for (int y = 0; y < h; ++y)
+      std::fill(b.begin() + y * stride + w, b.begin() + (y + 1) * stride, 0x5A);
+  }
+  uint8_t& at(int x, int y) { return b[y * stride + x]; }
+  void fill(int y, int from, int to, uint8_t v) {
+    for (int x = from; x < to && x < w; ++x)
+      at(x, y) = v;
+  }
+  int w, h, stride;
+  Bytes b;
+};
+
+class Barcode : public testing::Test {
+ protected:
+  PrinterState state;
+  OstraPrinter p{state};
+};
+class DashedLine : public Barcode {};
+class BarcodeRows : public Barcode {};
+class BarcodeColumns : public Barcode {};
+
+TEST_F(Barcode, PixelsAreAddressedByWidthRoundedUpToFour) {
+  Bytes b(24, 0);
+  p.ApplyDashedLine(b.data(), 5, 1);  // one row: only sets the row size, 8
+  p.setPix(b.data(), 4, 2, 9);
+  EXPECT_EQ(b[2 * 8 + 4], 9);
+  EXPECT_EQ(p.getPix(b.data(), 4, 2), 9);
+  EXPECT_EQ(std::count(b.begin(), b.end(), 0), 23);
+}
+
+TEST_F(DashedLine, BreaksOnlyLongEndedRunsInInnerRows) {
+  // Row `row`: full [from, from + len), one empty pixel, full to the edge.
+  // Expected: x in [dashFrom, dashTo) with x % 8 < 4 cleared, nothing else.
+  const struct {
+    const char* what;
+    int w, h, row, from, len, dashFrom, dashTo;
+  } cases[] = {
+      // Grid columns 16..408 lie in [410 - 400, 410); 408 clears 408..411,
+      // past the ending pixel 410. Columns 10..15 stay; 412 stays.
+      {"worked example", 413, 9, 2, 10, 400, 16, 412},
+      {"320 is not enough", 330, 9, 2, 0, 320, 0, 0},
+      {"321 is: grid 0..320, last dash 320..323", 330, 9, 2, 0, 321, 0, 324},
+      {"run reaching the right edge", 400, 9, 2, 0, 400, 0, 0},
+      {"row 1", 413, 9, 1, 10, 400, 0, 0},
+      {"first of the last six rows", 413, 9, 3, 10, 400, 0, 0},
+      {"8 rows", 413, 8, 2, 10, 400, 0, 0},
+      // From column 9: grid column 8 starts before the run and is skipped.
+      {"last inner row of 20", 413, 20, 13, 9, 400, 16, 412},
+  };
+  for (const auto& c : cases) {
+    Page page(c.w, c.h);
+    page.fill(c.row, c.from, c.from + c.len, 255);
+    page.fill(c.row, c.from + c.len + 1, c.w, 255);
+    Page expected = page;
+    for (int x = c.dashFrom; x < c.dashTo; ++x)
+      if (x % 8 < 4)
+        expected.at(x, c.row) = 0;
+    p.ApplyDashedLine(page.b.data(), c.w, c.h);
+    EXPECT_EQ(page.b, expected.b) << c.what;
+  }
+}
+
+TEST_F(BarcodeRows, ClearsLongRunsOverShallowGaps) {
+  // Width 101: half is 50, middle column 50 not counted. Row 1: the run [from,
+  // from + len) and `extra` full pixels from column 60; row 0 full above the
+  // run if `above`; then `depth` empty rows and, if `stopper`, a full one.
+  const struct {
+    const char* what;
+    int from, len, extra, above, depth, stopper, clearFrom, clearTo;
+  } cases[] = {
+      {"1 empty below", 10, 41, 0, 1, 1, 1, 10, 51},
+      {"3 empty below", 10, 41, 0, 1, 3, 1, 10, 51},
+      {"4 empty below", 10, 41, 0, 1, 4, 1, 0, 0},
+      {"ink right below", 10, 41, 0, 1, 0, 1, 0, 0},
+      {"3 empty down to the last row", 10, 41, 0, 1, 3, 0, 10, 51},
+      {"nothing above", 10, 41, 0, 0, 1, 1, 0, 0},
+      {"run of 40", 10, 40, 0, 1, 1, 1, 0, 0},
+      {"42 from column 0 count as 40", 0, 42, 0, 1, 1, 1, 0, 0},
+      {"43 from column 0 count as 41", 0, 43, 0, 1, 1, 1, 2, 43},
+      {"49 counted full (40 + 9)", 10, 41, 9, 1, 1, 1, 10, 51},
+      {"50 counted full (40 + 10)", 10, 41, 10, 1, 1, 1, 0, 0},
+      {"run open at the row end", 60, 41, 0, 1, 1, 1, 0, 0},
+  };
+  for (const auto& c : cases) {
+    Page page(101, 2 + c.depth + c.stopper);
+    if (c.above)
+      page.fill(0, c.from, c.from + c.len, 255);
+    page.fill(1, c.from, c.from + c.len, 255);
+    page.fill(1, 60, 60 + c.extra, 255);
+    if (c.stopper)
+      page.fill(page.h - 1, c.from, c.from + c.len, 255);
+    Page expected = page;
+    expected.fill(1, c.clearFrom, c.clearTo, 0);
+    const std::string log = captureLog([&] { p.OptimazeBarcode1(page.b.data(), page.w, page.h); });
+    EXPECT_EQ(page.b, expected.b) << c.what;
+    EXPECT_EQ(log, "DEBUG:OptimazeBarcode1 is applied!\n") << c.what;
+  }
+}
+
+TEST_F(BarcodeColumns, StaggersAndTrimsBarEnds) {
+  // Every column of a 5-wide page holds `in` (top down, '#' full); expected for
+  // x % 4 == 0 (columns 0, 4), x % 4 == 2 and odd x, null if unchanged.
+  const struct {
+    const char *in, *col0, *col2, *odd;
+  } cases[] = {
+      // Row 9 ends a run of 7 (rows 3..9): rows 7, 5 or 8, 6 go; row 9 too (row 11 full).
+      {"##########.#....", "#####.#.#..#....", "######.#...#....", "#########..#...."},
+      // Run of 6 at row 8: no stagger, only the trim; also over two empty rows.
+      {"#########.#.....", "########..#.....", "########..#.....", "########..#....."},
+      {"#########..#....", "########...#....", "########...#....", "########...#...."},
+      // Three empty rows below: stagger only.
+      {"##########...#..", "#####.#.##...#..", "######.#.#...#..", nullptr},
+      {"######.#........", nullptr, nullptr, nullptr},  // run of 3: too short
+      // After the trim at row 7 the scan resumes at row 8: row 9 is a run of 1.
+      {"########.#.#....", "#######..#.#....", "#######..#.#....", "#######..#.#...."},
+      // Shortest trim: run of 4 at row 6, scanned only when height - 6 > 6.
+      {"#######.#....", "######..#....", "######..#....", "######..#...."},
+      {"#######.#...", nullptr, nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    const int h = static_cast<int>(std::string(c.in).size());
+    Page page(5, h), expected(5, h);
+    for (int x = 0; x < 5; ++x) {
+      const char* want = x % 2 ? c.odd : x % 4 == 0 ? c.col0 : c.col2;
+      for (int y = 0; y < h; ++y) {
+        page.at(x, y) = c.in[y] == '#' ? 255 : 0;
+        expected.at(x, y) = (want ? want : c.in)[y] == '#' ? 255 : 0;
+      }
+    }
+    const std::string log = captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
+    EXPECT_EQ(page.b, expected.b) << c.in;
+    EXPECT_EQ(log, "DEBUG:OptimazeBarcode2 is applied!\n");
+  }
+}
+
+}  // namespace
