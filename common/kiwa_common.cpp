@@ -1,6 +1,7 @@
 #include "common/kiwa_common.h"
 
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 
 const char* const sHalftoneTypeStrTable[kHalftoneTypeCount] = {
@@ -65,4 +66,14 @@ char* kiwaStrCpy(char* dst, const char* src, size_t len) {
   strncpy(dst, src ? src : "", len);
   dst[len - 1] = '\0';
   return dst;
+}
+
+void KiwaFree::operator()(void* p) const {
+  free(p);
+}
+
+long long kiwaTruncate(double v) {
+  if (!(v > -9.2e18 && v < 9.2e18))
+    return 0;
+  return static_cast<long long>(v);
 }

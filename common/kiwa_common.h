@@ -54,4 +54,13 @@ const char* kiwaPathGetBasename(const char* path);
 // rest of the len bytes is zero. A null src copies as the empty string.
 char* kiwaStrCpy(char* dst, const char* src, size_t len);
 
+// Releases memory from malloc, calloc or realloc; for std::unique_ptr.
+struct KiwaFree {
+  void operator()(void* p) const;
+};
+
+// Truncation toward zero that cannot trap: NaN, infinities and values no
+// 64-bit integer holds give 0.
+long long kiwaTruncate(double v);
+
 #endif  // OSTRA_COMMON_KIWA_COMMON_H

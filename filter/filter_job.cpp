@@ -31,9 +31,6 @@ constexpr uint64_t kMaxPageBytes = UINT32_MAX;
 struct RasterCloser {
   void operator()(cups_raster_t* ras) const { cupsRasterClose(ras); }
 };
-struct FreeDeleter {
-  void operator()(unsigned char* p) const { free(p); }
-};
 struct CFileCloser {
   void operator()(FILE* f) const {
     if (f != nullptr)
@@ -45,13 +42,6 @@ struct CFileCloser {
 struct PrinterHandleReset {
   ~PrinterHandleReset() { sPrinter = nullptr; }
 };
-
-// Float to long without trapping on values no long holds.
-long truncateToLong(float v) {
-  if (!(v > -9.2e18f && v < 9.2e18f))
-    return 0;
-  return static_cast<long>(v);
-}
 
 // Closes the input descriptor unless it is standard input.
 class InputFd {
@@ -129,7 +119,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   PrinterHandleReset handleReset;
   InputFd input;
   std::unique_ptr<cups_raster_t, RasterCloser> raster;
-  std::unique_ptr<unsigned char, FreeDeleter> page;
+  std::unique_ptr<unsigned char, KiwaFree> page;
 
   if (argc > kFileArg) {
     const int fd = open(argv[kFileArg], O_RDONLY);
@@ -208,7 +198,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     printer->setHalftoneType(settings.halftoneType);
     printer->setMirrorPrint(settings.MirrorImage != 0);
     printer->setNegativePrint(settings.NegativeImage != 0);
-    printer->SetPrintWidth(truncateToLong(settings.MaxMediaWidth));
+    printer->SetPrintWidth(static_cast<long>(kiwaTruncate(settings.MaxMediaWidth)));
 
     // Once per page: every page reloads the counter and resends the settings.
     jobSetup(printer.get(), &settings);

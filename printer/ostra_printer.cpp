@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -17,20 +16,9 @@ constexpr uint8_t kRasterCommand[4] = {0x1D, 0x76, 0x30, 0x00};  // GS 'v' '0', 
 constexpr size_t kRecordHeaderSize = 22;                         // "SIZ" block + raster header
 constexpr int kMaxNameSuffix = 1000000;
 
-struct FreeDeleter {
-  void operator()(unsigned char* p) const { free(p); }
-};
-
 void putLe16(uint8_t* at, unsigned value) {
   at[0] = static_cast<uint8_t>(value & 0xFF);
   at[1] = static_cast<uint8_t>((value >> 8) & 0xFF);
-}
-
-// Truncation toward zero that cannot trap: values no integer holds give 0.
-long long truncateToInteger(double v) {
-  if (!std::isfinite(v) || v >= 9.2e18 || v <= -9.2e18)
-    return 0;
-  return static_cast<long long>(v);
 }
 
 std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
@@ -123,10 +111,9 @@ bool OstraPrinter::OTCSendPaperInfo() {
   }
   const double res = pageHdr_ != nullptr ? pageHdr_->HWResolution[0] : 0.0;
   // The height uses the horizontal resolution too; the printer expects it.
-  const uint16_t widthDots = static_cast<uint16_t>(truncateToInteger(pageWidth / kMmPerInch * res));
-  const uint16_t heightDots =
-      static_cast<uint16_t>(truncateToInteger(pageHeight / kMmPerInch * res));
-  const uint16_t gapDots = static_cast<uint16_t>(truncateToInteger(gap / kMmPerInch * res));
+  const uint16_t widthDots = static_cast<uint16_t>(kiwaTruncate(pageWidth / kMmPerInch * res));
+  const uint16_t heightDots = static_cast<uint16_t>(kiwaTruncate(pageHeight / kMmPerInch * res));
+  const uint16_t gapDots = static_cast<uint16_t>(kiwaTruncate(gap / kMmPerInch * res));
   kiwaLogCommon(KIWA_LOG_DEBUG, "OTCSendPaperInfo: settings->pageWidth:%f",
                 static_cast<double>(widthDots));
   kiwaLogCommon(KIWA_LOG_DEBUG, "OTCSendPaperInfo: settings->pageHeight:%f",
@@ -148,7 +135,7 @@ void OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits) {
   if (need <= 0)
     return;
   // Zeroed, so the margin bytes of every row record are 0.
-  std::unique_ptr<unsigned char, FreeDeleter> records(
+  std::unique_ptr<unsigned char, KiwaFree> records(
       static_cast<unsigned char*>(calloc(1, static_cast<size_t>(need))));
   if (!records)
     return;
@@ -165,7 +152,7 @@ long OstraPrinter::CalcBlackPoints(unsigned char* bits, long size, SIZEL extent,
   // precision; a page wider than the media gets no margin.
   const float maxMedia = settings_ != nullptr ? settings_->MaxMediaWidth : 0.0f;
   const float marginF = ((maxMedia - static_cast<float>(extent.cx)) / 2 + 7) / 8;
-  long margin = static_cast<long>(truncateToInteger(marginF));
+  long margin = static_cast<long>(kiwaTruncate(marginF));
   if (margin < 0)
     margin = 0;
   const long stride = rowBytes + 2 + margin;
@@ -195,7 +182,7 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
   putLe16(rasterHeader + 6, static_cast<unsigned>(height));
 
   const size_t total = static_cast<size_t>(size) + kRecordHeaderSize;
-  std::unique_ptr<unsigned char, FreeDeleter> page(static_cast<unsigned char*>(malloc(total)));
+  std::unique_ptr<unsigned char, KiwaFree> page(static_cast<unsigned char*>(malloc(total)));
   if (!page)
     return;
   memcpy(page.get(), state_.bLabelInfo, sizeof(state_.bLabelInfo));

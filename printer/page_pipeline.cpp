@@ -22,10 +22,7 @@ bool rowIsBlank(const unsigned char* data, size_t pageBytes, size_t offset, size
   return true;
 }
 
-struct FreeDeleter {
-  void operator()(unsigned char* p) const { free(p); }
-};
-using Buffer = std::unique_ptr<unsigned char, FreeDeleter>;
+using Buffer = std::unique_ptr<unsigned char, KiwaFree>;
 
 }  // namespace
 
