@@ -4,31 +4,61 @@
 # command left there into OUTDIR/tmp and OUTDIR/spool. Standard input, output
 # and error pass through; the exit status is the command's, and it is also
 # written to OUTDIR/status, which is missing when the sandbox itself failed.
+# The checkout and OUTDIR keep their own paths inside, even under /tmp.
 #
 #   sandbox.sh OUTDIR command [args...]
-#
-# OUTDIR and every input file must lie outside /tmp, which is hidden inside.
 set -eu
 if [ "$#" -lt 2 ]; then
   echo "usage: sandbox.sh OUTDIR command [args...]" >&2
   exit 2
 fi
+root=$(cd "$(dirname "$0")/../.." && pwd -P)
+mkdir -p "$1"
+out=$(cd "$1" && pwd -P)
+shift
+for dir in "$root" "$out"; do
+  case "$dir/" in
+    /var/spool/*)
+      echo "sandbox.sh: $dir lies under /var/spool, which the sandbox replaces; use a checkout elsewhere" >&2
+      exit 2 ;;
+  esac
+done
 exec unshare -m --propagation private /bin/sh -c '
   set -eu
-  out=$1; shift
+  root=$1 out=$2
+  shift 2
   rm -f "$out/status"
+  exec 8<"$root" 9<"$out"
   mount -t tmpfs -o mode=1777 ostra-tmp /tmp
   # Hide the real spool tree first, so the mount point is made inside tmpfs.
   mount -t tmpfs -o mode=0755 ostra-spool /var/spool
   mkdir -p /var/spool/cups/tmp
   mount -t tmpfs -o mode=1777 ostra-cups-tmp /var/spool/cups/tmp
+  # A checkout or output directory under /tmp comes back at its own path,
+  # through the descriptor opened before /tmp was hidden.
+  keep=""
+  bindBack() {
+    case "$2/" in
+      /tmp/*)
+        mkdir -p "$2"
+        mount --no-canonicalize --bind "/proc/self/fd/$1" "$2"
+        top=${2#/tmp/}
+        keep="$keep ${top%%/*}" ;;
+    esac
+  }
+  bindBack 8 "$root"
+  case "$out/" in "$root"/*) ;; *) bindBack 9 "$out" ;; esac
   set +e
-  "$@"
+  "$@" 8<&- 9<&-
   rc=$?
   set -e
   mkdir -p "$out/tmp" "$out/spool"
-  cp -a /tmp/. "$out/tmp/"
+  for f in /tmp/* /tmp/.[!.]*; do
+    [ -e "$f" ] || continue
+    case " $keep " in *" ${f#/tmp/} "*) continue ;; esac
+    cp -a "$f" "$out/tmp/"
+  done
   cp -a /var/spool/cups/tmp/. "$out/spool/"
   echo "$rc" > "$out/status"
   exit "$rc"
-' sandbox "$@"
+' sandbox "$root" "$out" "$@"
