@@ -3,6 +3,7 @@
 #ifndef OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 #define OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,21 +21,21 @@ struct FilterRun {
 struct FilterCall {
   std::vector<std::string> args;  // argv[1..]; argv[0] is the filter path
   std::optional<std::string> stdinFile;
-  // Environment of the filter: PPD and PRINTER, or anything else. A value of
-  // std::nullopt leaves the variable unset.
+  // Environment of the filter: a value of std::nullopt unsets the variable.
   std::map<std::string, std::optional<std::string>> env;
+  // Shell commands run inside the sandbox before the filter, to seed its spool.
+  std::string prelude;
 };
 
-// A fresh, empty directory under the build tree (never under /tmp, which the
-// sandbox hides), named after the running test.
+// The standard arguments (job 42, the shipped PPD, printer "ostra-test") with
+// `options` and, when given, the input file.
+FilterCall filterJob(const std::string& options, const std::string& file = "");
+
+// A fresh, empty directory under the build tree, named after the running test.
 std::string testWorkDir();
-
 std::string readFile(const std::string& path);
-bool fileExists(const std::string& path);
-
 FilterRun runFilter(const FilterCall& call);
-
-// Splits the log into lines (without their newlines).
-std::vector<std::string> splitLines(const std::string& text);
+// Runs `body` with the log going to memory and returns what it wrote.
+std::string captureLog(const std::function<void()>& body);
 
 #endif  // OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H

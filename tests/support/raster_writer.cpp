@@ -3,15 +3,29 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
-TestPage makeHeaderOnlyPage(unsigned width, unsigned height) {
-  TestPage page = makePageWithDepth(1, 1, 8);
-  page.header.cupsWidth = page.header.cupsBytesPerLine = width;
-  page.header.cupsHeight = height;
-  page.pixels.clear();
-  return page;
+namespace {
+
+// A small integer hash, for texture that no library version can change.
+unsigned noise(unsigned x, unsigned y) {
+  unsigned h = x * 374761393u + y * 668265263u;
+  h = (h ^ (h >> 13)) * 1274126177u;
+  return h ^ (h >> 16);
 }
+
+template <typename Fn>
+void fill(TestPage& page, Fn ink) {
+  const cups_page_header2_t& h = page.header;
+  for (unsigned y = 0; y < h.cupsHeight; ++y)
+    for (unsigned x = 0; x < h.cupsWidth; ++x)
+      page.pixels[static_cast<size_t>(y) * h.cupsBytesPerLine + x] = static_cast<unsigned char>(
+          std::clamp(ink(static_cast<int>(x), static_cast<int>(y)), 0, 255));
+}
+
+}  // namespace
 
 TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixel) {
   TestPage page;
@@ -21,7 +35,6 @@ TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixe
   h.NumCopies = 1;
   h.cupsWidth = width;
   h.cupsHeight = height;
-  // Deeper than 8 bits means RGB at 8 bits a colour, as CUPS writes it.
   const bool rgb = bitsPerPixel > 8;
   h.cupsBitsPerColor = rgb ? 8 : bitsPerPixel;
   h.cupsBitsPerPixel = bitsPerPixel;
@@ -31,19 +44,54 @@ TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixe
   h.cupsNumColors = rgb ? 3 : 1;
   h.PageSize[0] = width * 72 / 203;
   h.PageSize[1] = height * 72 / 203;
+  strcpy(h.cupsPageSizeName, "w288h432");
   page.pixels.resize(static_cast<size_t>(h.cupsBytesPerLine) * height);
-  for (unsigned y = 0; y < height; ++y) {
-    for (unsigned x = 0; x < h.cupsBytesPerLine; ++x) {
+  for (unsigned y = 0; y < height; ++y)
+    for (unsigned x = 0; x < h.cupsBytesPerLine; ++x)
       page.pixels[static_cast<size_t>(y) * h.cupsBytesPerLine + x] = (x + y) % 7 == 0 ? 255 : 0;
-    }
-  }
   return page;
 }
 
-TestPage makeGrayPage(unsigned width, unsigned height, unsigned dpi, const char* pageSizeName) {
+TestPage makeHeaderOnlyPage(unsigned width, unsigned height) {
+  TestPage page = makePageWithDepth(1, 1, 8);
+  page.header.cupsWidth = page.header.cupsBytesPerLine = width;
+  page.header.cupsHeight = height;
+  page.pixels.clear();
+  return page;
+}
+
+TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi, unsigned ydpi,
+                       const char* pageSizeName) {
   TestPage page = makePageWithDepth(width, height, 8);
-  page.header.HWResolution[0] = page.header.HWResolution[1] = dpi;
-  strncpy(page.header.cupsPageSizeName, pageSizeName, sizeof(page.header.cupsPageSizeName) - 1);
+  page.header.HWResolution[0] = xdpi;
+  page.header.HWResolution[1] = ydpi;
+  snprintf(page.header.cupsPageSizeName, sizeof(page.header.cupsPageSizeName), "%s", pageSizeName);
+  const int w = static_cast<int>(width), h = static_cast<int>(height);
+  fill(page, [&](int x, int y) {
+    int v = x * 150 / w + y * 60 / h;  // soft light from the top left
+    const int dx = x - w / 3, dy = y - h / 2, r2 = h * h / 9, d2 = dx * dx + dy * dy;
+    if (d2 < r2)
+      v += 110 * (r2 - d2) / r2;  // a shaded round form
+    v += static_cast<int>(noise(x, y) % 33) - 16;
+    if (y % 29 == 7 && x > w / 2)
+      v = 255;  // hairlines
+    if (x > w * 3 / 5 && x < w * 9 / 10 && y > h / 8 && y < h / 3 && (x / 3 + y / 5) % 4 == 0)
+      v = 240;  // type
+    return v;
+  });
+  return page;
+}
+
+TestPage makeBarsPage(unsigned width, unsigned height) {
+  TestPage page = makePageWithDepth(width, height, 8);
+  const int w = static_cast<int>(width), h = static_cast<int>(height);
+  fill(page, [&](int x, int y) {
+    if (y > h / 10 && y < h / 2 && x > 16 && x < w - 16)
+      return noise(x / 3, 0) % 5 < 2 ? 255 : 0;  // bars 3 dots a module
+    if (y > h / 2 + 8 && y < h - 12 && x > 24 && x < w - 24)
+      return noise(0, y) % 3 != 0 ? 255 : 0;  // bands with narrow gaps
+    return 0;
+  });
   return page;
 }
 
@@ -59,21 +107,16 @@ bool writeRasterFile(const std::string& path, const std::vector<TestPage>& pages
   if (!ok)
     *error = std::string("cupsRasterOpen: ") + cupsRasterErrorString();
   for (const TestPage& page : pages) {
-    if (!ok)
-      break;
     cups_page_header2_t header = page.header;
-    if (!cupsRasterWriteHeader2(ras, &header)) {
+    std::vector<unsigned char> pixels = page.pixels;
+    const unsigned len = static_cast<unsigned>(pixels.size());
+    if (ok && !cupsRasterWriteHeader2(ras, &header)) {
       *error = std::string("cupsRasterWriteHeader2: ") + cupsRasterErrorString();
       ok = false;
-      break;
     }
-    if (!page.pixels.empty()) {
-      std::vector<unsigned char> pixels = page.pixels;
-      const unsigned len = static_cast<unsigned>(pixels.size());
-      if (cupsRasterWritePixels(ras, pixels.data(), len) != len) {
-        *error = std::string("cupsRasterWritePixels: ") + cupsRasterErrorString();
-        ok = false;
-      }
+    if (ok && len > 0 && cupsRasterWritePixels(ras, pixels.data(), len) != len) {
+      *error = std::string("cupsRasterWritePixels: ") + cupsRasterErrorString();
+      ok = false;
     }
   }
   if (ras != nullptr)

@@ -15,15 +15,19 @@ struct TestPage {
   std::vector<unsigned char> pixels;
 };
 
-// An 8-bit K page (0 = no ink) at `dpi`, with a diagonal ink pattern.
-TestPage makeGrayPage(unsigned width, unsigned height, unsigned dpi = 203,
-                      const char* pageSizeName = "w288h432");
-
-// Same page with another depth; bytes per line follow the depth.
+// An 8-bit K page (0 = no ink) of `bitsPerPixel` depth with a diagonal
+// pattern; deeper than 8 bits is RGB, as CUPS writes it.
 TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixel);
-
-// An 8-bit page header with no pixels behind it, for sizes too large to fill.
+// An 8-bit page header with no pixels behind it.
 TestPage makeHeaderOnlyPage(unsigned width, unsigned height);
+// Continuous tone like a photograph: ramps, a soft blob, texture, fine lines
+// and solid type, from integer arithmetic only so every machine makes the
+// same bytes.
+TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi = 203, unsigned ydpi = 203,
+                       const char* pageSizeName = "w288h432");
+// Line art of full ink: upright bars of a barcode in the upper half, long
+// horizontal bars with one- and two-row gaps in the lower half.
+TestPage makeBarsPage(unsigned width, unsigned height);
 
 // Writes the pages with cupsRasterOpen/cupsRasterWriteHeader2/
 // cupsRasterWritePixels. Returns false with a reason in `error`.

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "printer/ostra_printer.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/filter_runner.h"
 
 namespace {
 

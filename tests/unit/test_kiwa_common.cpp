@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/log_capture.h"
+#include "tests/support/filter_runner.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/filter_runner.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/filter_runner.h"
 
 #include <cstdint>
 #include <cstdio>
