@@ -133,10 +133,12 @@ void OstraPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) 
         }
       }
       // Trim the last pixel of a bar when ink follows within two rows below it.
+      // The scan then steps over the gap row after it: that row is not
+      // examined and leaves both run counters as they are.
       if (fullRun > kTrimRun && getPix(bits, x, y) == kFull && getPix(bits, x, y + 1) == kEmpty &&
           !(getPix(bits, x, y + 2) != kFull && getPix(bits, x, y + 3) != kFull)) {
         clear(x, y);
-        ++y;
+        y += 2;
         continue;
       }
       // Never true (a full pixel resets otherRun), kept as the printers have it.

