@@ -80,7 +80,7 @@ const GoldenJob kJobs[] = {
      },
      kCounter4660},
     {"MediaSpeedAt300Dpi",
-     "PaperType=Continue GapsHeight=7 PrintSpeed=6 Darkness=Dark Resolution=300dpi "
+     "PaperType=Continue GapsHeight=8 PrintSpeed=6 Darkness=Dark Resolution=300dpi "
      "PageSize=w288h144",
      [] { return Pages{makePhotoPage(600, 300, 300, 300, "w288h144")}; }},
     {"UnequalResolutions", "", [] { return Pages{makePhotoPage(400, 600, 203, 406)}; }},

@@ -88,8 +88,13 @@ TestPage makeBarsPage(unsigned width, unsigned height) {
   fill(page, [&](int x, int y) {
     if (y > h / 10 && y < h / 2 && x > 16 && x < w - 16)
       return noise(x / 3, 0) % 5 < 2 ? 255 : 0;  // bars 3 dots a module
-    if (y > h / 2 + 8 && y < h - 12 && x > 24 && x < w - 24)
-      return noise(0, y) % 3 != 0 ? 255 : 0;  // bands with narrow gaps
+    // Bands with one- and two-row gaps: across the page, then shorter than
+    // half of it.
+    const bool band = noise(0, y) % 3 != 0;
+    if (y > h / 2 + 8 && y < h * 3 / 4 && x > 24 && x < w - 24)
+      return band ? 255 : 0;
+    if (y >= h * 3 / 4 && y < h - 12 && x > 24 && x < w * 2 / 5)
+      return band ? 255 : 0;
     return 0;
   });
   return page;

@@ -25,8 +25,9 @@ TestPage makeHeaderOnlyPage(unsigned width, unsigned height);
 // same bytes.
 TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi = 203, unsigned ydpi = 203,
                        const char* pageSizeName = "w288h432");
-// Line art of full ink: upright bars of a barcode in the upper half, long
-// horizontal bars with one- and two-row gaps in the lower half.
+// Line art of full ink: upright bars of a barcode in the upper half, then
+// horizontal bars with one- and two-row gaps, across the page and shorter
+// than half of it.
 TestPage makeBarsPage(unsigned width, unsigned height);
 
 // Writes the pages with cupsRasterOpen/cupsRasterWriteHeader2/
