@@ -29,6 +29,23 @@ struct CxBitmapInfoHeader {
 };
 static_assert(sizeof(CxBitmapInfoHeader) == 40, "the block layout needs the 40-byte header");
 
+// An error-diffusion kernel: cells (dx to the right, dy downward, weight) in
+// the order they are applied, and the divisor the weights sum to.
+struct CxDiffusionKernel {
+  struct Cell {
+    int dx;
+    int dy;
+    int weight;
+  };
+  int divisor;
+  int cellCount;
+  Cell cells[12];
+};
+
+// The kernel Dither runs for `method`, or null for the threshold and the two
+// ordered methods (0, 1 and 7).
+const CxDiffusionKernel* cxDiffusionKernel(long method);
+
 // Largest image memory the size test admits (bytes).
 constexpr uint32_t CXIMAGE_MAX_MEMORY = 0x7FFFFFFF;
 

@@ -4,76 +4,33 @@
 
 namespace {
 
-struct KernelCell {
-  int dx;
-  int dy;
-  int weight;
-};
-
-struct Kernel {
-  int divisor;
-  int cellCount;
-  KernelCell cells[12];
-};
-
-// Error-diffusion kernels, cells in the order they are applied.
-const Kernel kBurkes = {
-    32, 7, {{1, 0, 8}, {2, 0, 4}, {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2}}};
-const Kernel kStucki = {42,
-                        12,
-                        {{1, 0, 8},
-                         {2, 0, 4},
-                         {-2, 1, 2},
-                         {-1, 1, 4},
-                         {0, 1, 8},
-                         {1, 1, 4},
-                         {2, 1, 2},
-                         {-2, 2, 1},
-                         {-1, 2, 2},
-                         {0, 2, 4},
-                         {1, 2, 2},
-                         {2, 2, 1}}};
-const Kernel kJarvisJudiceNinke = {48,
-                                   12,
-                                   {{1, 0, 7},
-                                    {2, 0, 5},
-                                    {-2, 1, 3},
-                                    {-1, 1, 5},
-                                    {0, 1, 7},
-                                    {1, 1, 5},
-                                    {2, 1, 3},
-                                    {-2, 2, 1},
-                                    {-1, 2, 3},
-                                    {0, 2, 5},
-                                    {1, 2, 3},
-                                    {2, 2, 1}}};
-const Kernel kSierra = {32,
-                        10,
-                        {{1, 0, 5},
-                         {2, 0, 3},
-                         {-2, 1, 2},
-                         {-1, 1, 4},
-                         {0, 1, 5},
-                         {1, 1, 4},
-                         {2, 1, 2},
-                         {-1, 2, 2},
-                         {0, 2, 3},
-                         {1, 2, 2}}};
-const Kernel kStevensonArce = {200,
-                               12,
-                               {{2, 0, 32},
-                                {-3, 1, 12},
-                                {-1, 1, 26},
-                                {1, 1, 30},
-                                {3, 1, 16},
-                                {-2, 2, 12},
-                                {0, 2, 26},
-                                {2, 2, 12},
-                                {-3, 3, 5},
-                                {-1, 3, 12},
-                                {1, 3, 12},
-                                {3, 3, 5}}};
-const Kernel kFloydSteinberg = {16, 4, {{1, 0, 7}, {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}}};
+// Error-diffusion kernels, cells in the order they are applied, one kernel
+// row to a line.
+// clang-format off
+const CxDiffusionKernel kBurkes = {32, 7, {
+    {1, 0, 8}, {2, 0, 4},
+    {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2}}};
+const CxDiffusionKernel kStucki = {42, 12, {
+    {1, 0, 8}, {2, 0, 4},
+    {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2},
+    {-2, 2, 1}, {-1, 2, 2}, {0, 2, 4}, {1, 2, 2}, {2, 2, 1}}};
+const CxDiffusionKernel kJarvisJudiceNinke = {48, 12, {
+    {1, 0, 7}, {2, 0, 5},
+    {-2, 1, 3}, {-1, 1, 5}, {0, 1, 7}, {1, 1, 5}, {2, 1, 3},
+    {-2, 2, 1}, {-1, 2, 3}, {0, 2, 5}, {1, 2, 3}, {2, 2, 1}}};
+const CxDiffusionKernel kSierra = {32, 10, {
+    {1, 0, 5}, {2, 0, 3},
+    {-2, 1, 2}, {-1, 1, 4}, {0, 1, 5}, {1, 1, 4}, {2, 1, 2},
+    {-1, 2, 2}, {0, 2, 3}, {1, 2, 2}}};
+const CxDiffusionKernel kStevensonArce = {200, 12, {
+    {2, 0, 32},
+    {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16},
+    {-2, 2, 12}, {0, 2, 26}, {2, 2, 12},
+    {-3, 3, 5}, {-1, 3, 12}, {1, 3, 12}, {3, 3, 5}}};
+const CxDiffusionKernel kFloydSteinberg = {16, 4, {
+    {1, 0, 7},
+    {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}}};
+// clang-format on
 
 // The fixed ordered matrix of method 1, indexed [y & 3][x & 3].
 const int kOrderedMatrix[4][4] = {{0, 8, 2, 10}, {12, 4, 14, 6}, {3, 11, 1, 9}, {15, 7, 13, 5}};
@@ -84,6 +41,27 @@ constexpr int kGeneratedOrder = 4;
 constexpr int kBlackBelow = 129;
 
 }  // namespace
+
+const CxDiffusionKernel* cxDiffusionKernel(long method) {
+  switch (static_cast<unsigned long>(method)) {
+    case 0:
+    case 1:
+    case 7:
+      return nullptr;
+    case 2:
+      return &kBurkes;
+    case 3:
+      return &kStucki;
+    case 4:
+      return &kJarvisJudiceNinke;
+    case 5:
+      return &kSierra;
+    case 6:
+      return &kStevensonArce;
+    default:
+      return &kFloydSteinberg;
+  }
+}
 
 bool CxImage::Dither(long method) {
   if (dib_ == nullptr)
@@ -101,7 +79,7 @@ bool CxImage::Dither(long method) {
 
   const int64_t width = head_.biWidth;
   const int64_t height = head_.biHeight;
-  const Kernel* kernel = nullptr;
+  const CxDiffusionKernel* kernel = nullptr;
   switch (static_cast<unsigned long>(method)) {
     case 0:
       for (int64_t y = 0; y < height; ++y) {
@@ -148,23 +126,8 @@ bool CxImage::Dither(long method) {
       }
       break;
     }
-    case 2:
-      kernel = &kBurkes;
-      break;
-    case 3:
-      kernel = &kStucki;
-      break;
-    case 4:
-      kernel = &kJarvisJudiceNinke;
-      break;
-    case 5:
-      kernel = &kSierra;
-      break;
-    case 6:
-      kernel = &kStevensonArce;
-      break;
     default:
-      kernel = &kFloydSteinberg;
+      kernel = cxDiffusionKernel(method);
       break;
   }
 
@@ -183,7 +146,7 @@ bool CxImage::Dither(long method) {
           error = g - 255;
         }
         for (int c = 0; c < kernel->cellCount; ++c) {
-          const KernelCell& cell = kernel->cells[c];
+          const CxDiffusionKernel::Cell& cell = kernel->cells[c];
           const int64_t nx = x + cell.dx;
           const int64_t ny = y + cell.dy;
           int64_t n = GetPixelIndex(nx, ny) + error * cell.weight / kernel->divisor;

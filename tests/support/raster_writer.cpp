@@ -17,12 +17,13 @@ unsigned noise(unsigned x, unsigned y) {
 }
 
 template <typename Fn>
-void fill(TestPage& page, Fn ink) {
-  const cups_page_header2_t& h = page.header;
-  for (unsigned y = 0; y < h.cupsHeight; ++y)
-    for (unsigned x = 0; x < h.cupsWidth; ++x)
-      page.pixels[static_cast<size_t>(y) * h.cupsBytesPerLine + x] = static_cast<unsigned char>(
-          std::clamp(ink(static_cast<int>(x), static_cast<int>(y)), 0, 255));
+TestPage drawn(unsigned width, unsigned height, Fn ink) {
+  TestPage page = makePageWithDepth(width, height, 8);
+  for (unsigned y = 0; y < height; ++y)
+    for (unsigned x = 0; x < width; ++x)
+      page.pixels[y * width + x] =
+          static_cast<unsigned char>(std::clamp(ink(int(x), int(y)), 0, 255));
+  return page;
 }
 
 }  // namespace
@@ -35,20 +36,14 @@ TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixe
   h.NumCopies = 1;
   h.cupsWidth = width;
   h.cupsHeight = height;
-  const bool rgb = bitsPerPixel > 8;
-  h.cupsBitsPerColor = rgb ? 8 : bitsPerPixel;
-  h.cupsBitsPerPixel = bitsPerPixel;
+  h.cupsBitsPerColor = h.cupsBitsPerPixel = bitsPerPixel;
   h.cupsBytesPerLine = (width * bitsPerPixel + 7) / 8;
-  h.cupsColorOrder = CUPS_ORDER_CHUNKED;
-  h.cupsColorSpace = rgb ? CUPS_CSPACE_RGB : CUPS_CSPACE_K;
-  h.cupsNumColors = rgb ? 3 : 1;
+  h.cupsColorSpace = CUPS_CSPACE_K;
+  h.cupsNumColors = 1;
   h.PageSize[0] = width * 72 / 203;
   h.PageSize[1] = height * 72 / 203;
   strcpy(h.cupsPageSizeName, "w288h432");
   page.pixels.resize(static_cast<size_t>(h.cupsBytesPerLine) * height);
-  for (unsigned y = 0; y < height; ++y)
-    for (unsigned x = 0; x < h.cupsBytesPerLine; ++x)
-      page.pixels[static_cast<size_t>(y) * h.cupsBytesPerLine + x] = (x + y) % 7 == 0 ? 255 : 0;
   return page;
 }
 
@@ -60,14 +55,9 @@ TestPage makeHeaderOnlyPage(unsigned width, unsigned height) {
   return page;
 }
 
-TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi, unsigned ydpi,
-                       const char* pageSizeName) {
-  TestPage page = makePageWithDepth(width, height, 8);
-  page.header.HWResolution[0] = xdpi;
-  page.header.HWResolution[1] = ydpi;
-  snprintf(page.header.cupsPageSizeName, sizeof(page.header.cupsPageSizeName), "%s", pageSizeName);
+TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi, unsigned ydpi) {
   const int w = static_cast<int>(width), h = static_cast<int>(height);
-  fill(page, [&](int x, int y) {
+  TestPage page = drawn(width, height, [&](int x, int y) {
     int v = x * 150 / w + y * 60 / h;  // soft light from the top left
     const int dx = x - w / 3, dy = y - h / 2, r2 = h * h / 9, d2 = dx * dx + dy * dy;
     if (d2 < r2)
@@ -79,53 +69,40 @@ TestPage makePhotoPage(unsigned width, unsigned height, unsigned xdpi, unsigned 
       v = 240;  // type
     return v;
   });
+  page.header.HWResolution[0] = xdpi;
+  page.header.HWResolution[1] = ydpi;
   return page;
 }
 
 TestPage makeBarsPage(unsigned width, unsigned height) {
-  TestPage page = makePageWithDepth(width, height, 8);
   const int w = static_cast<int>(width), h = static_cast<int>(height);
-  fill(page, [&](int x, int y) {
+  return drawn(width, height, [&](int x, int y) {
     if (y > h / 10 && y < h / 2 && x > 16 && x < w - 16)
       return noise(x / 3, 0) % 5 < 2 ? 255 : 0;  // bars 3 dots a module
-    // Bands with one- and two-row gaps: across the page, then shorter than
-    // half of it.
     const bool band = noise(0, y) % 3 != 0;
     if (y > h / 2 + 8 && y < h * 3 / 4 && x > 24 && x < w - 24)
       return band ? 255 : 0;
-    if (y >= h * 3 / 4 && y < h - 12 && x > 24 && x < w * 2 / 5)
-      return band ? 255 : 0;
-    return 0;
+    return y >= h * 3 / 4 && y < h - 12 && x > 24 && x < w * 2 / 5 && band ? 255 : 0;
   });
-  return page;
 }
 
 bool writeRasterFile(const std::string& path, const std::vector<TestPage>& pages,
                      std::string* error, cups_mode_t mode) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd < 0) {
-    *error = "cannot create " + path + ": " + strerror(errno);
-    return false;
-  }
-  cups_raster_t* ras = cupsRasterOpen(fd, mode);
+  cups_raster_t* ras = fd < 0 ? nullptr : cupsRasterOpen(fd, mode);
   bool ok = ras != nullptr;
-  if (!ok)
-    *error = std::string("cupsRasterOpen: ") + cupsRasterErrorString();
   for (const TestPage& page : pages) {
     cups_page_header2_t header = page.header;
     std::vector<unsigned char> pixels = page.pixels;
     const unsigned len = static_cast<unsigned>(pixels.size());
-    if (ok && !cupsRasterWriteHeader2(ras, &header)) {
-      *error = std::string("cupsRasterWriteHeader2: ") + cupsRasterErrorString();
-      ok = false;
-    }
-    if (ok && len > 0 && cupsRasterWritePixels(ras, pixels.data(), len) != len) {
-      *error = std::string("cupsRasterWritePixels: ") + cupsRasterErrorString();
-      ok = false;
-    }
+    ok = ok && cupsRasterWriteHeader2(ras, &header) &&
+         (len == 0 || cupsRasterWritePixels(ras, pixels.data(), len) == len);
   }
+  if (!ok)
+    *error = path + ": " + (fd < 0 ? strerror(errno) : cupsRasterErrorString());
   if (ras != nullptr)
     cupsRasterClose(ras);
-  close(fd);
+  if (fd >= 0)
+    close(fd);
   return ok;
 }

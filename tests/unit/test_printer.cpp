@@ -1,50 +1,23 @@
-#include "printer/kiwa_printer.h"
-
+// The printer object on hand-worked bytes: setter clamps, output streams,
+// blank-row counts, packing, the flips and trims no job option selects, the
+// 1-bit debug image, the command blocks, page records, counter and frame.
 #include <gtest/gtest.h>
 
-#include "tests/support/filter_runner.h"
-#include "tests/support/filter_runner.h"
-
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <set>
 #include <string>
 #include <vector>
+
+#include "printer/ostra_printer.h"
+#include "tests/support/filter_runner.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 
-// A fresh, empty directory for the running test under the build tree.
-std::string freshDir() {
-  return testWorkDir();
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-Bytes readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-std::vector<std::string> filesIn(const std::string& dir) {
-  std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir))
-    if (e.is_regular_file())
-      names.insert(e.path().filename().string());
-  return {names.begin(), names.end()};
-}
-
-// Pixel rows written as text: '.' is 0, any other character 255; blanks ignored.
+// Pixel rows as text: '.' is 0, any other character 255; blanks ignored.
 Bytes px(const char* text) {
   Bytes b;
   for (; *text; ++text)
@@ -53,387 +26,265 @@ Bytes px(const char* text) {
   return b;
 }
 
-void put(Bytes& b, uint32_t v, int size) {
-  for (int i = 0; i < size; ++i)
-    b.push_back((v >> (8 * i)) & 0xFF);
+Bytes bytesOf(const std::string& s) {
+  return Bytes(s.begin(), s.end());
 }
 
-// The 54 header bytes of a BMP, field by field.
-Bytes bmpHeader(uint32_t offset, uint32_t width, uint32_t height, uint16_t bpp, uint32_t image,
-                uint32_t colours) {
-  Bytes b = {'B', 'M'};
-  for (uint32_t v : {offset + image, 0u, offset, 40u, width, height})
-    put(b, v, 4);
-  put(b, 1, 2);
-  put(b, bpp, 2);
-  for (uint32_t v : {0u, image, 0u, 0u, colours, colours})
-    put(b, v, 4);
-  return b;
-}
-
-// Keeps what the printer language would receive.
-class RecordingPrinter : public KiwaPrinter {
- public:
-  using KiwaPrinter::KiwaPrinter;
-  int calls = 0;
-  unsigned long bpl = 0, height = 0, width = 0;
-  Bytes bits;
-
+class Printer : public testing::Test {
  protected:
-  void doPrintImage(unsigned char* b, unsigned long bytesPerLine, unsigned long h,
-                    unsigned long w) override {
-    ++calls;
-    bpl = bytesPerLine;
-    height = h;
-    width = w;
-    bits.assign(b, b + bytesPerLine * h);
-  }
-};
-
-class PrinterFixture : public testing::Test {
- protected:
-  PrinterFixture() : dir(freshDir()), paths{dir + "/spool", dir}, p(state, paths) {
+  Printer() : dir(testWorkDir()), p(state, PrinterPaths{dir + "/spool", dir}) {
     p.getOutputStreams().clear();
+    p.setSettings(&settings);
+    p.setPageHeader(&header);
+    strcpy(settings.PaperType, "LabelGaps");
+    strcpy(settings.PrintSpeed, "4");
+    strcpy(settings.JobId, "42");
+    strcpy(settings.PrinterName, "Label1");
+    settings.Darkness = 1;
+    settings.GapsHeight = 3;
+    settings.MaxMediaWidth = 576;  // dots, as the driver leaves it per page
+    header.HWResolution[0] = header.HWResolution[1] = 203;
   }
-
-  // PageProcess with the threshold method; returns the first `n` bytes of its output.
-  Bytes process(const Bytes& page, int stride, int width, int height, size_t n) {
-    Bytes out(2 * stride * height, 0xAA);
-    log = captureLog([&] {
-      result =
-          p.PageProcess(DITHER_NONE, page.data(), stride, width, height, out.data(), out.size());
-    });
+  // What `body` writes to one output stream; the log goes to memory.
+  std::string output(const std::function<void()>& body) {
+    char* data = nullptr;
+    size_t size = 0;
+    p.getOutputStreams() = {open_memstream(&data, &size)};
+    log = captureLog(body);
+    fclose(p.getOutputStreams()[0]);
+    p.getOutputStreams().clear();
+    std::string out(data, size);
+    free(data);
+    return out;
+  }
+  // PageProcess with the threshold method; the first `n` bytes of its output.
+  Bytes process(const Bytes& page, int w, int h, size_t n) {
+    Bytes out(2 * w * h, 0xAA);
+    log = captureLog(
+        [&] { p.PageProcess(DITHER_NONE, page.data(), w, w, h, out.data(), out.size()); });
     return Bytes(out.begin(), out.begin() + n);
   }
 
   std::string dir;
-  PrinterPaths paths;
   PrinterState state;
-  RecordingPrinter p;
-  long result = 0;
+  Settings settings{};
+  cups_page_header2_t header{};
+  OstraPrinter p;
   std::string log;
 };
 
-class PrinterSettings : public PrinterFixture {};
-class PrinterOutput : public PrinterFixture {};
-class GrayToMono : public PrinterFixture {};
-class PageProcess : public PrinterFixture {};
-class PrinterImage : public PrinterFixture {};
-class BmpDebugImage : public PrinterFixture {};
-
-TEST_F(PrinterSettings, ConstructorValuesAndClamps) {
-  RecordingPrinter fresh(state, paths);
-  EXPECT_EQ(fresh.getPrintSpeed(), 7);
-  EXPECT_EQ(fresh.getPrintDensity(), 8);
-  EXPECT_EQ(fresh.getAntiWrinkle(), 0);
-  EXPECT_EQ(fresh.getOutputStreams(), std::vector<FILE*>{stdout});
-
-  const struct {
-    int in, brightnessAndContrast, density;
-  } ints[] = {{-250, -100, 0}, {-101, -100, 0}, {-1, -1, 0},    {0, 0, 0},
-              {15, 15, 15},    {16, 16, 15},    {100, 100, 15}, {101, 100, 15}};
+TEST_F(Printer, SettersClampAndEveryStreamGetsTheBytes) {
+  EXPECT_EQ(p.getPrintSpeed(), 7);
+  EXPECT_EQ(p.getPrintDensity(), 8);
+  const int ints[][3] = {{-250, -100, 0}, {-1, -1, 0}, {16, 16, 15}, {101, 100, 15}};
   for (const auto& c : ints) {
-    p.setBrightness(c.in);
-    p.setContrast(c.in);
-    p.setPrintDensity(c.in);
-    EXPECT_EQ(p.getBrightness(), c.brightnessAndContrast) << c.in;
-    EXPECT_EQ(p.getContrast(), c.brightnessAndContrast) << c.in;
-    EXPECT_EQ(p.getPrintDensity(), c.density) << c.in;
+    p.setBrightness(c[0]);
+    p.setContrast(c[0]);
+    p.setPrintDensity(c[0]);
+    EXPECT_EQ(p.getBrightness() + p.getContrast(), 2 * c[1]) << c[0];
+    EXPECT_EQ(p.getPrintDensity(), c[2]) << c[0];
   }
-  // atoi reads leading digits only; a non-number is 0 and clamps to 1.
-  const struct {
-    const char* text;
-    int speed;
-  } speeds[] = {{"0", 1},   {"abc", 1}, {"-3", 1},  {"1", 1},
-                {"15", 15}, {"16", 15}, {"99", 15}, {"12mm", 12}};
-  for (const auto& c : speeds) {
-    p.setPrintSpeed(c.text);
-    EXPECT_EQ(p.getPrintSpeed(), c.speed) << c.text;
+  const std::pair<const char*, int> speeds[] = {{"0", 1}, {"abc", 1}, {"16", 15}, {"12mm", 12}};
+  for (const auto& [text, speed] : speeds) {
+    p.setPrintSpeed(text);
+    EXPECT_EQ(p.getPrintSpeed(), speed) << text;
   }
-}
-
-TEST_F(PrinterOutput, EveryStreamReceivesTheSameBytesInFull) {
   char* data[2] = {nullptr, nullptr};
   size_t size[2] = {0, 0};
-  FILE* streams[2] = {open_memstream(&data[0], &size[0]), open_memstream(&data[1], &size[1])};
-  p.getOutputStreams() = {streams[0], streams[1]};
+  p.getOutputStreams() = {open_memstream(&data[0], &size[0]), open_memstream(&data[1], &size[1])};
   EXPECT_EQ(p.printFormat("%d-%s", 5, "x"), 3);
   p.printStr("ab");
   p.printByte(0);
-  const unsigned char raw[] = {0x1B, 0x00, 0xFF};
-  p.printBytes(raw, sizeof raw);
+  p.printBytes(reinterpret_cast<const unsigned char*>("\x1b\xff"), 2);
   for (int i = 0; i < 2; ++i) {
-    fclose(streams[i]);
-    EXPECT_EQ(Bytes(data[i], data[i] + size[i]), (Bytes{'5', '-', 'x', 'a', 'b', 0, 0x1B, 0, 0xFF}))
-        << "stream " << i;
+    fclose(p.getOutputStreams()[i]);
+    EXPECT_EQ(std::string(data[i], size[i]), std::string("5-xab\0\x1b\xff", 8)) << i;
     free(data[i]);
   }
+  p.getOutputStreams().clear();
+  EXPECT_EQ(p.printFormat("%d", 5), 0);
 }
 
-TEST_F(PrinterOutput, EmptyListWritesNothing) {
-  fflush(stdout);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(p.printFormat("%d-%s", 5, "x"), 0);
-  p.printStr("ab");
-  p.printByte('c');
-  p.printBytes(reinterpret_cast<const unsigned char*>("de"), 2);
-  fflush(stdout);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
-TEST(BlankLineCount, FrontAndBackOnThreeRowPages) {
-  // 3 rows x 4 bytes. An inked fourth row follows in memory: the front
-  // count's last test lands there and must read it as blank.
+TEST_F(Printer, BlankRowsAndPacking) {
+  // 3 rows x 4 bytes and an inked fourth row in memory, which the front count's
+  // last test (one row past the page) must read as blank.
   const struct {
     const char* rows;
     size_t skip, front, back;
-  } cases[] = {
-      {".... .... ....", 0, 3, 0}, {".#.. .... ....", 0, 3, 1},  // the front count starts at row 1
-      {".... #... ....", 0, 0, 2}, {".... .... ..#.", 0, 1, 3},
-      {".... ...# ....", 1, 3, 0},  // the ink is in the skipped byte
-      {".... ...# ....", 5, 0, 2},  // skip beyond the row: whole rows count
-      {"#### #### ####", 4, 3, 0},  // skip equal to the row leaves nothing
-  };
-  for (const auto& c : cases) {
+  } counts[] = {{".... .... ....", 0, 3, 0},
+                {".#.. .... ....", 0, 3, 1},  // front starts at row 1
+                {".... #... ....", 0, 0, 2},
+                {".... ...# ....", 1, 3, 0},   // ink in the skipped byte
+                {".... ...# ....", 5, 0, 2}};  // skip beyond the row
+  for (const auto& c : counts) {
     Bytes mem = px(c.rows);
     mem.insert(mem.end(), 4, 0xFF);
     EXPECT_EQ(kiwaImageCountBlankLinesFromFront(mem.data(), 4, 3, c.skip, 4), c.front) << c.rows;
     EXPECT_EQ(kiwaImageCountBlankLinesFromBack(mem.data(), 4, 3, c.skip, 4), c.back) << c.rows;
   }
-}
-
-TEST_F(GrayToMono, PacksLeftmostPixelIntoTopBitAndSkipsRightBytes) {
   const struct {
     unsigned long skip;
     int rowBytes;
     const char* rows;  // two
     Bytes packed;
-  } cases[] = {
-      // Pixels 8 and 9 go to the two top bits of a second byte.
-      {0, 10, "#.......## .........#", {0x80, 0xC0, 0x00, 0x40}},
-      // 13 of 16 packed: pixels 13..15 are dropped, pixel 12 is bit 3.
-      {3, 16, "################ ............####", {0xFF, 0xF8, 0x00, 0x08}},
-      // A skip as large as the row is ignored.
-      {16, 16, "################ ...............#", {0xFF, 0xFF, 0x00, 0x01}},
-  };
-  for (const auto& c : cases) {
+  } packs[] = {{0, 10, "#.......## .........#", {0x80, 0xC0, 0x00, 0x40}},
+               {3, 16, "################ ............####", {0xFF, 0xF8, 0x00, 0x08}},
+               {16, 16, "################ ...............#", {0xFF, 0xFF, 0x00, 0x01}}};
+  for (const auto& c : packs) {
     p.setSkipRightPixels(c.skip);
     Bytes buf = px(c.rows);
     int n = 0;
-    log += captureLog([&] { n = p.GrayToMono(c.rowBytes, 2, buf.data()); });
-    ASSERT_EQ(n, 4) << c.rows;
+    captureLog([&] { n = p.GrayToMono(c.rowBytes, 2, buf.data()); });
     EXPECT_EQ(Bytes(buf.begin(), buf.begin() + n), c.packed) << c.rows;
   }
-  EXPECT_TRUE(has(log, "DEBUG:GrayToMono, bpl(16), h(2), skipPixels(3), wb(13)\n")) << log;
-  EXPECT_TRUE(has(log, "DEBUG:GrayToMono, bpl(16), h(2), skipPixels(16), wb(16)\n")) << log;
 }
 
-TEST_F(PageProcess, CopyProcessedPixelsWidensOneAndComplementsWhenNegative) {
-  CxImage img;
-  const uint8_t pixels[] = {1, 0, 255, 7, 0, 1, 2, 254};
-  ASSERT_TRUE(img.CreateFromArray(pixels, 4, 2, 8, 4, false));
-  const uint8_t kPad = 0xAA;  // stride 5: the fifth byte of each row stays
-  const Bytes plain = {255, 0, 255, 7, kPad, 0, 255, 2, 254, kPad};
-  const Bytes negative = {0, 255, 0, 248, kPad, 255, 0, 253, 1, kPad};  // ~v after 1 -> 255
-  for (bool neg : {false, true}) {
-    p.setNegativePrint(neg);
-    Bytes out(10, kPad);
-    p.copyProcessedPixels(&img, out.data(), 4, 2, 5, out.size());
-    EXPECT_EQ(out, neg ? negative : plain) << neg;
-  }
-}
-
-TEST_F(PageProcess, ThresholdsByTheMethodArgumentIntoPaddedRows) {
-  // Width 5 gives 8-byte processed rows; gray 129 and up is index 1, 255 in out.
-  p.setUseRVDithering(true);
-  const Bytes out = process({0, 128, 129, 255, 200, 255, 0, 0, 0, 0}, 5, 5, 2, 16);
-  EXPECT_EQ(result, 16);
-  EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), (Bytes{0, 0, 255, 255, 255}));
-  EXPECT_EQ(Bytes(out.begin() + 8, out.begin() + 13), (Bytes{255, 0, 0, 0, 0}));
-  EXPECT_FALSE(p.getUseRVDithering());
-  EXPECT_TRUE(has(log, "DEBUG:PageProcess: RV dithering is disabled\n"));
-  EXPECT_TRUE(has(log, "processed pixels, length: 16\n"));
-  ASSERT_NE(p.processedImage(), nullptr);
-  EXPECT_EQ(p.processedImage()->GetWidth(), 5u);
-
-  // The member only selects the RV chain. Gray 100 under the threshold is
-  // black; method 1's matrix would have whitened 6 of 16 pixels.
-  p.setHalftoneType(DITHER_FLOYD_STEINBERG);
-  EXPECT_EQ(process(Bytes(16, 100), 4, 4, 4, 16), Bytes(16, 0));
-}
-
-TEST_F(PageProcess, BrightnessAndContrastAreScaledAndSkippedWhenZero) {
-  const struct {
-    int brightness, contrast;
-    uint8_t gray, out;
-    const char* line;  // null: Light must not run
-  } cases[] = {
-      {0, 0, 120, 0, nullptr},
-      // Light(10, 0): 120 - 128 + 138 + 0.5 = 130.5 -> 130, above the threshold.
-      {2, 0, 120, 255, "PageProcess: Adjusted brightness to 10 and contrast to 0\n"},
-      // Light(0, -100): factor 0 maps every level to 128.5 -> 128, black.
-      {0, -50, 255, 0, "PageProcess: Adjusted brightness to 0 and contrast to -100\n"},
-  };
-  for (const auto& c : cases) {
-    p.setBrightness(c.brightness);
-    p.setContrast(c.contrast);
-    EXPECT_EQ(process(Bytes(4, c.gray), 4, 4, 1, 4), Bytes(4, c.out)) << c.brightness;
-    EXPECT_EQ(has(log, "Adjusted"), c.line != nullptr) << log;
-    EXPECT_TRUE(!c.line || has(log, c.line)) << log;
-  }
-}
-
-TEST_F(PageProcess, RotationAndMirrorFlipThePage) {
-  const Bytes page = px("##.. ...#");  // 4 x 2
+TEST_F(Printer, FlipsContrastAndTrimsThatNoJobOptionSets) {
   const struct {
     bool rotate, mirror;
     const char* out;
-  } cases[] = {
-      {false, false, "##.. ...#"},
-      {true, false, "#... ..##"},  // (x, y) -> (3 - x, 1 - y)
-      {false, true, "..## #..."},  // (x, y) -> (3 - x, y)
-      {true, true, "...# ##.."},   // both: rows swap, columns stay
-  };
-  for (const auto& c : cases) {
+  } flips[] = {{true, false, "#... ..##"}, {true, true, "...# ##.."}};
+  for (const auto& c : flips) {
     p.setRotate180Print(c.rotate);
     p.setMirrorPrint(c.mirror);
-    EXPECT_EQ(process(page, 4, 4, 2, 8), px(c.out)) << c.rotate << c.mirror;
-    const size_t rotated = log.find("PageProcess: Rotated the image 180 degrees");
-    const size_t mirrored = log.find("PageProcess: Mirrored the image");
-    EXPECT_EQ(rotated != std::string::npos, c.rotate);
-    EXPECT_EQ(mirrored != std::string::npos, c.mirror);
-    // The flips commute on pixels, so only the log shows the order.
-    EXPECT_TRUE(!(c.rotate && c.mirror) || rotated < mirrored) << log;
+    EXPECT_EQ(process(px("##.. ...#"), 4, 2, 8), px(c.out)) << c.mirror;
   }
+  EXPECT_LT(log.find("Rotated the image 180 degrees"), log.find("Mirrored the image"));
+  p.setRotate180Print(false);
+  p.setMirrorPrint(false);
+  p.setContrast(-50);  // Light(0, -100): every level becomes 128, black
+  EXPECT_EQ(process(Bytes(4, 255), 4, 1, 4), Bytes(4, 0));
+  EXPECT_NE(log.find("DEBUG:PageProcess: Adjusted brightness to 0 and contrast to -100\n"),
+            std::string::npos);
+  // Ink only in row 2 of 4: the trim is worked out and logged, the whole page prints.
+  p.setContrast(0);
+  p.setRemoveBlankEdges(10);
+  output([&] { p.printImage(px(".... .... .#.. ....").data(), 4, 4, 4); });
+  EXPECT_NE(log.find("printImage: Adjusted image height to 2, pointer offset by 4 bytes\n"),
+            std::string::npos);
+  const std::string record = readFile(dir + "/spool/page_0001_jobid_000042_0000.dat");
+  EXPECT_EQ(record.substr(20, 2), std::string("\x04\x00", 2));  // four rows
 }
 
-TEST_F(PageProcess, NegativeInvertsTheImageAndTheCopyInvertsItBack) {
-  p.setNegativePrint(true);
-  const Bytes out = process(px(".#.#"), 4, 4, 1, 4);
-  // Indices 0 1 0 1 complemented in the image: 255 254 255 254; the copy
-  // complements again (255 is not widened): 0 1 0 1.
-  ASSERT_NE(p.processedImage(), nullptr);
-  const uint8_t* bits = p.processedImage()->GetBits(0);
-  EXPECT_EQ(Bytes(bits, bits + 4), (Bytes{255, 254, 255, 254}));
-  EXPECT_EQ(out, (Bytes{0, 1, 0, 1}));
-  EXPECT_TRUE(has(log, "DEBUG:PageProcess: negativePrint_ 1\n"));
-  EXPECT_TRUE(has(log, "DEBUG:PageProcess: Inverting the image for negative print\n"));
-}
-
-TEST_F(PrinterImage, TrimBitsChangeTheLogButNotThePrintedPage) {
-  // Ink only in row 2 of 4: the front count (from row 1) finds it at i = 1,
-  // the back count returns 3, one past it.
-  const Bytes page = px(".... .... .#.. ....");
-  const struct {
-    unsigned char bits;
-    const char *bottom, *top, *adjusted;
-  } cases[] = {
-      {0, nullptr, nullptr, nullptr},
-      {2, nullptr, "number of top blank lines: 1\n", nullptr},  // bottom 0 is not above 1
-      {8, "number of bottom blank lines: 3\n", nullptr, "height to 3, pointer offset by 0 bytes"},
-      {10, "number of bottom blank lines: 3\n", "number of top blank lines: 1\n",
-       "height to 2, pointer offset by 4 bytes"},
-  };
-  for (const auto& c : cases) {
-    p.setRemoveBlankEdges(c.bits);
-    log = captureLog([&] { p.printImage(page.data(), 4, 4, 4); });
-    EXPECT_EQ(has(log, "Removal of bottom blank edges"), c.bottom != nullptr) << log;
-    EXPECT_EQ(has(log, "Removal of top blank edges"), c.top != nullptr) << log;
-    EXPECT_EQ(has(log, "printImage: Adjusted image"), c.adjusted != nullptr) << log;
-    for (const char* part : {c.bottom, c.top, c.adjusted})
-      EXPECT_TRUE(!part || has(log, part)) << log;
-  }
-  EXPECT_EQ(p.calls, 4);
-  EXPECT_EQ(p.bpl, 4u);
-  EXPECT_EQ(p.height, 4u);
-  EXPECT_EQ(p.width, 4u);
-  EXPECT_EQ(p.bits, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0}));
-}
-
-TEST_F(PrinterImage, UnprocessablePageSkipsDebugSaveAndPrinting) {
-  // Width 0 cannot become an image, so no page has been processed yet.
-  log = captureLog([&] { p.printImage(Bytes(4, 255).data(), 4, 1, 0); });
-  EXPECT_TRUE(has(log, "CRIT:cximage.CreateFromArray with grey failed!\n"));
-  EXPECT_TRUE(has(log, "ERROR:printImage: pimage is NULL, unable to print the image\n"));
-  EXPECT_EQ(p.calls, 0);
-  EXPECT_EQ(state.page_index, 1);  // the page as read was still saved
-  const auto files = filesIn(dir);
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_EQ(files[0].rfind("origin_", 0), 0u);
-}
-
-TEST_F(BmpDebugImage, EightBitFileHasRampPaletteAndRawPixelBytes) {
-  // Width 10, rows 12 bytes apart: the header says row size 12, image 24,
-  // but the file carries the first 10 x 2 bytes of the buffer as they lie.
-  Bytes data(24);
-  for (int i = 0; i < 24; ++i)
-    data[i] = static_cast<uint8_t>(i);
-  p.saveImage(data.data(), 12, 2, 10, 8);
-  const auto files = filesIn(dir);
-  ASSERT_EQ(files.size(), 1u);
-  Bytes expected = bmpHeader(1078, 10, 2, 8, 24, 256);
-  for (int i = 0; i < 256; ++i)
-    expected.insert(expected.end(), {uint8_t(i), uint8_t(i), uint8_t(i), 0});
-  expected.insert(expected.end(), data.begin(), data.begin() + 20);
-  EXPECT_EQ(readFile(dir + "/" + files[0]), expected);
-}
-
-TEST_F(BmpDebugImage, OneBitRowsRunLastToFirstWithZeroAsWhite) {
-  // Row 0: 0 1 0 1 0 1 0 1 | 1 0  -> AA, then 40 | 3F (unused low bits set) = 7F
-  // Row 1: eight 9s | 0 9         -> 00, then 80 | 3F = BF
+TEST_F(Printer, OneBitDebugImageRunsLastRowFirstWithZeroAsWhite) {
+  // Row 0: 0 1 0 1 0 1 0 1 | 1 0 -> AA, then 40 | 3F (unused low bits set) = 7F
+  // Row 1: eight 9s | 0 9       -> 00, then 80 | 3F = BF; rows padded to 4 bytes.
   const Bytes data = {0, 1, 0, 1, 0, 1, 0, 1, 1, 0, 9, 9, 9, 9, 9, 9, 9, 9, 0, 9};
   p.saveImage(data.data(), 10, 2, 10, 1);
-  const auto files = filesIn(dir);
-  ASSERT_EQ(files.size(), 1u);
-  Bytes expected = bmpHeader(62, 10, 2, 1, 8, 0);  // rows of 2 bytes padded to 4
-  expected.insert(expected.end(), {0, 0, 0, 0, 255, 255, 255, 0});
-  expected.insert(expected.end(), {0x00, 0xBF, 0, 0, 0xAA, 0x7F, 0, 0});
-  EXPECT_EQ(readFile(dir + "/" + files[0]), expected);
+  std::string file;
+  for (const auto& e : fs::directory_iterator(dir))
+    if (e.path().extension() == ".bmp")
+      file = readFile(e.path().string());
+  const std::string head("BM\x46\0\0\0\0\0\0\0\x3e\0\0\0\x28\0\0\0\x0a\0\0\0\x02\0\0\0\x01\0\x01\0",
+                         30);
+  ASSERT_EQ(file.size(), 62u + 8);
+  EXPECT_EQ(file.substr(0, 30), head);
+  EXPECT_EQ(bytesOf(file.substr(54)),
+            (Bytes{0, 0, 0, 0, 255, 255, 255, 0, 0x00, 0xBF, 0, 0, 0xAA, 0x7F, 0, 0}));
 }
 
-TEST_F(BmpDebugImage, NamesCarryLocalTimeAndTheProcessWideIndex) {
-  const Bytes page(16, 0);
-  const time_t from = time(nullptr);
-  p.saveImage(page.data(), 4, 4, 4, 8);
-  p.saveImage(page.data(), 4, 4, 4, 8);
-  {
-    RecordingPrinter second(state, paths);  // the counter belongs to the process
-    second.getOutputStreams().clear();
-    captureLog([&] { second.printImage(page.data(), 4, 4, 4); });
+TEST_F(Printer, CommandBlockAndPageRecordBytes) {
+  // Speed n (mod 256) goes out as n - 2 from 2 on; the printer's own speed
+  // and density never reach the block.
+  p.setPrintSpeed("9");
+  const std::pair<const char*, uint8_t> speeds[] = {
+      {"4", 2}, {"1", 1}, {"0", 0}, {"15", 13}, {"257", 1}};
+  for (const auto& [speed, sent] : speeds) {
+    strcpy(settings.PrintSpeed, speed);
+    EXPECT_EQ(bytesOf(output([&] { jobSetup(&p, &settings); })),
+              (Bytes{0x1B, 0x73, 0x01, 0x00, 0x00, sent, 0x01}))
+        << speed;
   }
-  const time_t to = time(nullptr);
-  EXPECT_EQ(state.page_index, 4);
-  const auto files = filesIn(dir);
-  ASSERT_EQ(files.size(), 4u);
-  const char* prefixes[] = {"prnimg_", "prnimg_", "origin_", "dithered_"};
-  for (int i = 0; i < 4; ++i) {
-    // year-month-day_hour_minute_second_index, unpadded, for any second passed
-    std::set<std::string> names;
-    for (time_t t = from; t <= to; ++t) {
-      struct tm tm;
-      localtime_r(&t, &tm);
-      char name[96];
-      snprintf(name, sizeof name, "%s%d-%d-%d_%d_%d_%d_%d.bmp", prefixes[i], tm.tm_year + 1900,
-               tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, i);
-      names.insert(name);
-    }
-    int found = 0;
-    for (const auto& f : files)
-      found += names.count(f);
-    EXPECT_EQ(found, 1) << prefixes[i] << i;
+  // A 576 x 400 dot label at 203 dpi, page 7. Row 0: three dots at the left;
+  // row 1: all 576; row 2: the last dot only.
+  state.PageNum = 7;
+  settings.pageWidth = static_cast<float>(576 * 25.4 / 203);
+  settings.pageHeight = static_cast<float>(400 * 25.4 / 203);
+  Bytes page(576 * 400, 0);
+  page[0] = page[1] = page[2] = page[3 * 576 - 1] = 255;
+  std::fill(page.begin() + 576, page.begin() + 2 * 576, 255);
+  output([&] { p.printImage(page.data(), 576, 400, 576); });
+  const Bytes file = bytesOf(readFile(dir + "/spool/page_0007_jobid_000042_0000.dat"));
+  ASSERT_EQ(file.size(), 22u + 74 * 400);  // rows of 72 packed bytes + 2, no margin
+  const Bytes head = {
+      'S',  'I',  'Z',  0x01,              // LabelGaps
+      0x40, 0x02, 0x8F, 0x01,              // 576 wide; 400 rows -> 50.049 mm -> 399.99998 -> 399
+      0x17, 0x00, 0x00, 0x00, 0x07, 0x00,  // 3 mm gap: 23.98 -> 23; page 7
+      0x1D, 0x76, 0x30, 0x00, 0x4A, 0x00, 0x90, 0x01};  // GS v 0, 74 x 400
+  EXPECT_EQ(Bytes(file.begin(), file.begin() + 22), head);
+  const size_t row[] = {22, 22 + 74, 22 + 2 * 74};
+  EXPECT_EQ(Bytes(file.begin() + row[0], file.begin() + row[0] + 3), (Bytes{3, 0, 0xE0}));
+  EXPECT_EQ(Bytes(file.begin() + row[1], file.begin() + row[1] + 3), (Bytes{0x40, 0x02, 0xFF}));
+  EXPECT_EQ(Bytes(file.begin() + row[2], file.begin() + row[2] + 74).back(), 0x01);
+  EXPECT_EQ(state.PageNum, 8);
+  // The margin centres the page on the media in whole bytes, rounded up, in float.
+  const float margins[][3] = {{576, 476, 7}, {576, 480, 6}, {577, 576, 0}, {500, 576, 0}};
+  for (const auto& m : margins) {
+    settings.MaxMediaWidth = m[0];
+    EXPECT_EQ(p.CalcBlackPoints(nullptr, 60, {static_cast<long>(m[1]), 1}, nullptr, 0), 62 + m[2]);
   }
 }
 
-TEST_F(BmpDebugImage, IndexAdvancesWhenTheFileCannotBeOpened) {
-  RecordingPrinter q(state, PrinterPaths{dir + "/spool", dir + "/missing"});
-  testing::internal::CaptureStderr();
-  q.saveImage(Bytes(4, 0).data(), 4, 1, 4, 8);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(
-      has(err, "KiwaPrinter::saveImage: unable to open the file " + dir + "/missing/prnimg_"))
-      << err;
-  EXPECT_EQ(state.page_index, 1);
-  EXPECT_FALSE(fs::exists(dir + "/missing"));
+TEST_F(Printer, CounterWrapsAt9000AndReloads) {
+  fs::create_directories(dir + "/spool");
+  const uint16_t cases[][2] = {{8999, 8999}, {9000, 1}, {65535, 1}};
+  for (const auto& c : cases) {
+    state.PageNum = c[0];
+    jobEnd(&p, &settings);
+    EXPECT_EQ(bytesOf(readFile(dir + "/spool/Label1.pgc")),
+              (Bytes{uint8_t(c[1] & 0xFF), uint8_t(c[1] >> 8)}));
+  }
+  FILE* f = fopen((dir + "/spool/Label1.pgc").c_str(), "wb");
+  fwrite("\x34\x12", 2, 1, f);
+  fclose(f);
+  output([&] { jobSetup(&p, &settings); });
+  EXPECT_EQ(state.PageNum, 0x1234);
+}
+
+TEST_F(Printer, AntiWrinkleFrame) {
+  // 300 dpi: bars 12 high; side bars 12, 24, 35, 47, 59 wide by level. A6 is
+  // 1181 x 1394 before the bars; a 1000 x 1300 page grows by (1205 - 1000) / 2
+  // = 102 and (1418 - 1300) / 2 = 59 to 1204 x 1418, the frame at (0, 0).
+  // A 2500 x 3300 page around the A4 frame 2410 x 3272 at level 2: at (45, 14).
+  const struct {
+    const char* name;
+    int level, w, h, grownW, canvasW, canvasH;
+    std::vector<int> probes;  // x, y, expected index
+  } cases[] = {
+      {"Tattoo_A6", 1, 1000, 1300, 1204, 1205, 1418, {11,  700, 255, 12,   700,  0,   600,  11,
+                                                      255, 600, 12,  0,    1193, 700, 255,  1192,
+                                                      700, 0,   600, 1406, 255,  600, 1405, 0,
+                                                      102, 59,  7,   1101, 1358, 7}},
+      {"A4", 2, 2500, 3300, 2500, 2410, 3272, {44,   14,   7,  45,   14,   255,  68,
+                                               3285, 255,  69, 1000, 7,    1000, 25,
+                                               255,  1000, 26, 7,    2454, 14,   255}},
+      {"Letter", 5, 10, 8, 2598, 2598, 3059, {0, 1500, 255, 58, 1500, 255, 59, 1500, 0}},
+      {"Tattoo_A5", 3, 2432, 1418, 2432, 2432, 1418, {34, 0, 255, 35, 500, 7}},
+      {"a4", 1, 10, 8, 10, 0, 0, {0, 0, 7, 5, 4, 7}},  // names are case-sensitive: no frame
+  };
+  for (const auto& c : cases) {
+    CxImage im;
+    im.Create(c.w, c.h, 8, 0);
+    for (int y = 0; y < c.h; ++y)
+      memset(im.GetBits(y), 7, c.w);
+    snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.name);
+    p.setAntiWrinkle(c.level);
+    log = captureLog([&] { p.EnableAntiWrink(im); });
+    char canvas[128];
+    snprintf(canvas, sizeof canvas, "Page size is %s, CanvasWidth: %d, CanvasHeight: %d\n", c.name,
+             c.canvasW, c.canvasH);
+    EXPECT_EQ(log.find(canvas) != std::string::npos, c.canvasW != 0) << log;
+    EXPECT_EQ(im.GetWidth(), uint32_t(c.grownW)) << c.name;
+    for (size_t i = 0; i + 2 < c.probes.size(); i += 3)
+      EXPECT_EQ(im.GetPixelIndex(c.probes[i], c.probes[i + 1]), c.probes[i + 2])
+          << c.name << " at " << c.probes[i] << "," << c.probes[i + 1];
+  }
+  p.setPageHeader(nullptr);
+  EXPECT_EQ(captureLog([&] {
+              CxImage im;
+              p.EnableAntiWrink(im);
+            }),
+            "DEBUG:EnableAntiWrink: Image or pageHdr_ is not valid, returning.\n");
 }
 
 }  // namespace
