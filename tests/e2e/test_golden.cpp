@@ -39,10 +39,9 @@ struct GoldenJob {
 
 const char kSeedCounter[] = R"sh(mkdir -p /var/spool/cups/tmp/otv6data
 printf '\064\022' > /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
+// Both options default to the keyword "2", which reads as the number 2.
 const char kOddChoices[] =
-    R"sh(sed -e 's/^\*DefaultNegativeImage: False/&\n*NegativeImage 2\/Two: ""/' \
-  -e 's/^\*DefaultMirrorImage: False/&\n*MirrorImage yes\/Yes: ""/' \
-  -e 's/^\(\*DefaultNegativeImage:\) False/\1 2/' -e 's/^\(\*DefaultMirrorImage:\) False/\1 yes/' \
+    R"sh(sed 's/^\*Default\(NegativeImage\|MirrorImage\): False/*Default\1: 2\n*\1 2\/Two: ""/' \
   "$PPD" > /var/spool/odd.ppd && export PPD=/var/spool/odd.ppd)sh";
 const char kNameAndId[] = R"sh(export PRINTER="$(printf 'Room\t2')"; shift; set -- 1234567 "$@")sh";
 
