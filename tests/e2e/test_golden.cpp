@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 struct GoldenJob {
   const char* name;
   const char* options;
-  // Pages: "photo" (400 x 300), "bars" (480 x 240), "photo:WxH[@XDPIxYDPI]",
+  // Pages: "photo" (412 x 300), "bars" (480 x 240), "photo:WxH[@XDPIxYDPI]",
   // "empty:WxH" (a header alone), "1bit".
   const char* pages;
   // Run in the sandbox before the filter: seeds the spool, changes the PPD,
@@ -38,7 +38,7 @@ struct GoldenJob {
 };
 
 const char kSeedCounter[] = R"sh(mkdir -p /var/spool/cups/tmp/otv6data
-printf '\064\022' > /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
+printf '\047\043' > /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
 // Both options default to the keyword "2", which reads as the number 2.
 const char kOddChoices[] =
     R"sh(sed 's/^\*Default\(NegativeImage\|MirrorImage\): False/*Default\1: 2\n*\1 2\/Two: ""/' \
@@ -71,7 +71,8 @@ const GoldenJob kJobs[] = {
     {"UnalignedSierra", "HalftoneType=Sierra", "photo:402x150"},
     {"UnalignedTattoo", "HalftoneType=Tattoo", "photo:403x120"},
     {"WiderThanMedia", "HalftoneType=FloydSteinberg", "photo:1800x40"},
-    // A stored counter: both pages carry it, the second file takes suffix 1.
+    // A stored counter: both pages carry it, the second file takes suffix 1,
+    // and 9000 is stored as 1.
     {"TwoPagesStoredCounter", "PaperType=LabelMark PrintSpeed=2 Darkness=Light",
      "photo photo:240x160@300x300", kSeedCounter},
     {"MediaSpeedAt300Dpi", "PaperType=Continue GapsHeight=8 PrintSpeed=6 Darkness=Dark "
@@ -90,7 +91,7 @@ std::vector<TestPage> pagesOf(const std::string& spec) {
   std::vector<TestPage> pages;
   std::istringstream words(spec);
   for (std::string word; words >> word;) {
-    unsigned w = 400, h = 300, x = 203, y = 203;
+    unsigned w = 412, h = 300, x = 203, y = 203;
     sscanf(word.c_str(), "%*[a-z0-9]:%ux%u@%ux%u", &w, &h, &x, &y);
     pages.push_back(word == "bars"                ? makeBarsPage(480, 240)
                     : word == "1bit"              ? makePageWithDepth(64, 10, 1)

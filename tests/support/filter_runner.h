@@ -1,10 +1,10 @@
 // Runs the built filter binary inside a private mount namespace and collects
-// its exit status, output streams and the files it left in /tmp and the spool.
+// its exit status, output streams and the files it left in /tmp and the spool;
+// and the small helpers the tests share.
 #ifndef OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 #define OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,20 +21,19 @@ struct FilterRun {
 struct FilterCall {
   std::vector<std::string> args;  // argv[1..]; argv[0] is the filter path
   std::optional<std::string> stdinFile;
-  // Environment of the filter: a value of std::nullopt unsets the variable.
-  std::map<std::string, std::optional<std::string>> env;
-  // Shell commands run inside the sandbox before the filter, to seed its spool.
+  // Shell commands run inside the sandbox just before the filter: they may
+  // seed the spool or change the environment (PPD is the shipped PPD and
+  // PRINTER "ostra-test" unless they do) or the arguments.
   std::string prelude;
 };
 
-// The standard arguments (job 42, the shipped PPD, printer "ostra-test") with
-// `options` and, when given, the input file.
+// Job 42 with `options` and, when given, the input file.
 FilterCall filterJob(const std::string& options, const std::string& file = "");
+FilterRun runFilter(const FilterCall& call);
 
 // A fresh, empty directory under the build tree, named after the running test.
 std::string testWorkDir();
 std::string readFile(const std::string& path);
-FilterRun runFilter(const FilterCall& call);
 // Runs `body` with the log going to memory and returns what it wrote.
 std::string captureLog(const std::function<void()>& body);
 

@@ -8,19 +8,15 @@
 #
 #   sandbox.sh OUTDIR command [args...]
 set -eu
-if [ "$#" -lt 2 ]; then
-  echo "usage: sandbox.sh OUTDIR command [args...]" >&2
-  exit 2
-fi
+[ "$#" -ge 2 ] || { echo "usage: sandbox.sh OUTDIR command [args...]" >&2; exit 2; }
 root=$(cd "$(dirname "$0")/../.." && pwd -P)
 mkdir -p "$1"
 out=$(cd "$1" && pwd -P)
 shift
 for dir in "$root" "$out"; do
-  case "$dir/" in
-    /var/spool/*)
-      echo "sandbox.sh: $dir lies under /var/spool, which the sandbox replaces; use a checkout elsewhere" >&2
-      exit 2 ;;
+  case "$dir/" in /var/spool/*)
+    echo "sandbox.sh: $dir lies under /var/spool, which the sandbox replaces; use another place" >&2
+    exit 2 ;;
   esac
 done
 exec unshare -m --propagation private /bin/sh -c '
@@ -34,17 +30,15 @@ exec unshare -m --propagation private /bin/sh -c '
   mount -t tmpfs -o mode=0755 ostra-spool /var/spool
   mkdir -p /var/spool/cups/tmp
   mount -t tmpfs -o mode=1777 ostra-cups-tmp /var/spool/cups/tmp
-  # A checkout or output directory under /tmp comes back at its own path,
-  # through the descriptor opened before /tmp was hidden.
-  keep=""
+  # A checkout or output folder under /tmp comes back at its own path through
+  # the descriptor opened before /tmp was hidden; its top name is not copied out.
+  keep=" "
   bindBack() {
-    case "$2/" in
-      /tmp/*)
-        mkdir -p "$2"
-        mount --no-canonicalize --bind "/proc/self/fd/$1" "$2"
-        top=${2#/tmp/}
-        keep="$keep ${top%%/*}" ;;
-    esac
+    case "$2/" in /tmp/*) ;; *) return 0 ;; esac
+    mkdir -p "$2"
+    mount --no-canonicalize --bind "/proc/self/fd/$1" "$2"
+    top=${2#/tmp/}
+    keep="$keep${top%%/*} "
   }
   bindBack 8 "$root"
   case "$out/" in "$root"/*) ;; *) bindBack 9 "$out" ;; esac
@@ -54,9 +48,8 @@ exec unshare -m --propagation private /bin/sh -c '
   set -e
   mkdir -p "$out/tmp" "$out/spool"
   for f in /tmp/* /tmp/.[!.]*; do
-    [ -e "$f" ] || continue
-    case " $keep " in *" ${f#/tmp/} "*) continue ;; esac
-    cp -a "$f" "$out/tmp/"
+    case "$keep" in *" ${f#/tmp/} "*) continue ;; esac
+    [ ! -e "$f" ] || cp -a "$f" "$out/tmp/"
   done
   cp -a /var/spool/cups/tmp/. "$out/spool/"
   echo "$rc" > "$out/status"

@@ -16,9 +16,9 @@ namespace {
 // marker that no routine may touch.
 struct Page {
   Page(int width, int height)
-      : w(width), h(height), stride((width + 3) / 4 * 4), b(stride * height, 0) {
+      : w(width), h(height), stride((width + 3) / 4 * 4), b(stride * h, 0x5A) {
     for (int y = 0; y < h; ++y)
-      std::fill(b.begin() + y * stride + w, b.begin() + (y + 1) * stride, 0x5A);
+      fill(y, 0, w, 0);
   }
   uint8_t& at(int x, int y) { return b[y * stride + x]; }
   void fill(int y, int from, int to, uint8_t v) {
@@ -38,20 +38,18 @@ class TouchUps : public testing::Test {
 TEST_F(TouchUps, DashedLineBreaksOnlyLongEndedRunsInInnerRows) {
   // Row `row`: full [from, from + len), one empty pixel, full to the edge.
   // Expected: x in [dashFrom, dashTo) with x % 8 < 4 cleared, nothing else.
+  // Worked example: grid columns 16..408 lie in [410 - 400, 410); 408 clears
+  // 408..411, past the ending pixel 410, while 10..15 and 412 stay.
   const struct {
-    const char* what;
     int w, h, row, from, len, dashFrom, dashTo;
   } cases[] = {
-      // Grid columns 16..408 lie in [410 - 400, 410); 408 clears 408..411,
-      // past the ending pixel 410. Columns 10..15 stay; 412 stays.
-      {"worked example", 413, 9, 2, 10, 400, 16, 412},
-      {"320 is not enough", 330, 9, 2, 0, 320, 0, 0},
-      {"321 is: grid 0..320, last dash 320..323", 330, 9, 2, 0, 321, 0, 324},
-      {"run reaching the right edge", 400, 9, 2, 0, 400, 0, 0},
-      {"row 1", 413, 9, 1, 10, 400, 0, 0},
-      {"first of the last six rows", 413, 9, 3, 10, 400, 0, 0},
-      // From column 9: grid column 8 starts before the run and is skipped.
-      {"last inner row of 20", 413, 20, 13, 9, 400, 16, 412},
+      // clang-format off
+      {413, 9, 2, 10, 400, 16, 412},
+      {330, 9, 2, 0, 320, 0, 0}, {330, 9, 2, 0, 321, 0, 324},  // a run must exceed 320
+      {400, 9, 2, 0, 400, 0, 0},                               // open at the right edge
+      {413, 9, 1, 10, 400, 0, 0}, {413, 9, 3, 10, 400, 0, 0},  // row 1; the last six rows
+      {413, 20, 13, 9, 400, 16, 412},  // grid column 8 starts before the run
+      // clang-format on
   };
   for (const auto& c : cases) {
     Page page(c.w, c.h);
@@ -62,7 +60,7 @@ TEST_F(TouchUps, DashedLineBreaksOnlyLongEndedRunsInInnerRows) {
       if (x % 8 < 4)
         expected.at(x, c.row) = 0;
     captureLog([&] { p.ApplyDashedLine(page.b.data(), c.w, c.h); });
-    EXPECT_EQ(page.b, expected.b) << c.what;
+    EXPECT_EQ(page.b, expected.b) << c.w << " " << c.row << " " << c.len;
   }
 }
 
@@ -74,18 +72,16 @@ TEST_F(TouchUps, RowScanClearsLongRunsOverShallowGaps) {
     const char* what;
     int from, len, extra, above, depth, stopper, clearFrom, clearTo;
   } cases[] = {
-      {"1 empty below", 10, 41, 0, 1, 1, 1, 10, 51},
-      {"3 empty below", 10, 41, 0, 1, 3, 1, 10, 51},
-      {"4 empty below", 10, 41, 0, 1, 4, 1, 0, 0},
-      {"ink right below", 10, 41, 0, 1, 0, 1, 0, 0},
-      {"3 empty down to the last row", 10, 41, 0, 1, 3, 0, 10, 51},
-      {"nothing above", 10, 41, 0, 0, 1, 1, 0, 0},
+      // clang-format off
+      {"1 empty below", 10, 41, 0, 1, 1, 1, 10, 51},  {"3 empty below", 10, 41, 0, 1, 3, 1, 10, 51},
+      {"4 empty below", 10, 41, 0, 1, 4, 1, 0, 0},    {"ink right below", 10, 41, 0, 1, 0, 1, 0, 0},
+      {"3 empty to the last row", 10, 41, 0, 1, 3, 0, 10, 51}, {"nothing above", 10, 41, 0, 0, 1, 1, 0, 0},
       {"run of 40", 10, 40, 0, 1, 1, 1, 0, 0},
       {"42 from column 0 count as 40", 0, 42, 0, 1, 1, 1, 0, 0},
       {"43 from column 0 count as 41", 0, 43, 0, 1, 1, 1, 2, 43},
-      {"49 counted full (40 + 9)", 10, 41, 9, 1, 1, 1, 10, 51},
-      {"50 counted full (40 + 10)", 10, 41, 10, 1, 1, 1, 0, 0},
+      {"49 full (40 + 9)", 10, 41, 9, 1, 1, 1, 10, 51}, {"50 full (40 + 10)", 10, 41, 10, 1, 1, 1, 0, 0},
       {"run open at the row end", 60, 41, 0, 1, 1, 1, 0, 0},
+      // clang-format on
   };
   for (const auto& c : cases) {
     Page page(101, 2 + c.depth + c.stopper);
@@ -108,13 +104,13 @@ TEST_F(TouchUps, ColumnScanStaggersAndTrimsBarEnds) {
   const struct {
     const char *in, *col0, *col2, *odd;
   } cases[] = {
+      // clang-format off
       // Row 9 ends a run of 7 (rows 3..9): rows 7, 5 or 8, 6 go; row 9 too (row 11 full).
       {"##########.#....", "#####.#.#..#....", "######.#...#....", "#########..#...."},
       // Run of 6 at row 8: no stagger, only the trim; also over two empty rows.
       {"#########.#.....", "########..#.....", "########..#.....", "########..#....."},
       {"#########..#....", "########...#....", "########...#....", "########...#...."},
-      // Three empty rows below: stagger only.
-      {"##########...#..", "#####.#.##...#..", "######.#.#...#..", nullptr},
+      {"##########...#..", "#####.#.##...#..", "######.#.#...#..", nullptr},  // stagger only
       {"######.#........", nullptr, nullptr, nullptr},  // run of 3: too short
       // Row 7 is trimmed (run 5, ink at 9) and the scan steps over gap row 8,
       // so the run goes on at row 9 with 6 and row 9 is trimmed too. Had it
@@ -123,6 +119,7 @@ TEST_F(TouchUps, ColumnScanStaggersAndTrimsBarEnds) {
       // Shortest trim: run of 4 at row 6, scanned only when height - 6 > 6.
       {"#######.#....", "######..#....", "######..#....", "######..#...."},
       {"#######.#...", nullptr, nullptr, nullptr},
+      // clang-format on
   };
   for (const auto& c : cases) {
     const int h = static_cast<int>(std::string(c.in).size());

@@ -1,5 +1,5 @@
-// The stencil chain's own math and stages on values worked out by hand (or,
-// for the float routines, with a separate single-precision calculation).
+// The stencil chain's own math and stages on values worked out by hand (the
+// float routines with a separate single-precision calculation).
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -15,12 +15,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-uint32_t bits(float f) {
-  uint32_t u;
-  memcpy(&u, &f, sizeof u);
-  return u;
-}
-
 Bytes bytesOf(const RVImage& img) {
   return Bytes(img.data, img.data + img.byteCount());
 }
@@ -29,75 +23,53 @@ RVImage gray(int w, int h, const Bytes& px) {
   return RVImage(w, h, RV_IMG_GRAY, px.data());
 }
 
-TEST(RvMath, FloatRoutinesBitForBit) {
+TEST(RvMath, RoutinesOnWorkedValues) {
   // Newton roots return the estimate before the converged one (0.25 gives
-  // 0.50000006); exp divides before it multiplies (2.5 would end ...7b the
-  // other way) and stops after 20 terms (e^30 is 1.07e13).
-  const struct {
-    const char* what;
-    float got;
-    uint32_t expected;
-  } cases[] = {
-      {"sqrt -4", my_sqrt(-4.0f), 0xbf800000},
-      {"sqrt 0", my_sqrt(0.0f), 0x00000000},
-      {"sqrt 4", my_sqrt(4.0f), 0x40000000},
-      {"sqrt 0.25", my_sqrt(0.25f), 0x3f000001},
-      {"sqrt 7", my_sqrt(7.0f), 0x40295400},
-      {"exp 0", my_exp(0.0f), 0x3f800000},
-      {"exp 1", my_exp(1.0f), 0x402df855},
-      {"exp 2.5", my_exp(2.5f), 0x4142eb7c},
-      {"exp -1", my_exp(-1.0f), 0x3ebc5ab1},
-      {"exp 30", my_exp(30.0f), 0x52af9606},
-      {"ln 0", my_ln(0.0f), 0xbf800000},
-      {"ln -3", my_ln(-3.0f), 0xbf800000},
-      {"ln 1", my_ln(1.0f), 0x00000000},
-      {"ln 2", my_ln(2.0f), 0x3f317218},
-      {"ln 0.5", my_ln(0.5f), 0xbf317219},
-      {"ln 255", my_ln(255.0f), 0x40b15208},
-      {"pow 0 0", my_pow(0.0f, 0.0f), 0x3f800000},
-      {"pow 0 2", my_pow(0.0f, 2.0f), 0x00000000},
-      {"pow 0 -1", my_pow(0.0f, -1.0f), 0xbf800000},
-      {"pow 0 NaN", my_pow(0.0f, kNaN), 0xbf800000},
-      {"pow -2 0.5", my_pow(-2.0f, 0.5f), 0xbf800000},
-      {"pow -2 3e9", my_pow(-2.0f, 3e9f), 0xbf800000},  // no int holds 3e9
-      {"pow -2 2 is exp -2", my_pow(-2.0f, 2.0f), 0x3e0a9554},
-      {"pow 0.5 0.85", my_pow(0.5f, 0.85f), 0x3f0e065f},
-      {"pow 10 -2", my_pow(10.0f, -2.0f), 0x3c23d70a},
-      {"abs -0", myabs(-0.0f), 0x80000000},  // 0.0 > -0.0 is false
-      {"abs -3.5", myabs(-3.5f), 0x40600000},
+  // 0.50000006); exp divides before it multiplies (2.5 ends ...7b the other
+  // way) and stops after 20 terms (e^30 is 1.07e13); ln(2) = 0.69314718.
+  const std::pair<float, uint32_t> floats[] = {
+      // clang-format off
+      {my_sqrt(-4), 0xbf800000}, {my_sqrt(0), 0},          {my_sqrt(4), 0x40000000},
+      {my_sqrt(0.25f), 0x3f000001}, {my_sqrt(7), 0x40295400}, {my_exp(0), 0x3f800000},
+      {my_exp(1), 0x402df855},   {my_exp(2.5f), 0x4142eb7c}, {my_exp(-1), 0x3ebc5ab1},
+      {my_exp(30), 0x52af9606},  {my_ln(0), 0xbf800000},     {my_ln(-3), 0xbf800000},
+      {my_ln(1), 0},             {my_ln(2), 0x3f317218},     {my_ln(0.5f), 0xbf317219},
+      {my_ln(255), 0x40b15208},  {my_pow(0, 0), 0x3f800000}, {my_pow(0, 2), 0},
+      {my_pow(0, -1), 0xbf800000}, {my_pow(0, kNaN), 0xbf800000}, {my_pow(-2, 0.5f), 0xbf800000},
+      {my_pow(-2, 3e9f), 0xbf800000},  // no int holds 3e9
+      {my_pow(-2, 2), 0x3e0a9554},     // exp(-2): ln of a negative base is -1
+      {my_pow(0.5f, 0.85f), 0x3f0e065f}, {my_pow(10, -2), 0x3c23d70a},
+      {myabs(-0.0f), 0x80000000},      // 0.0 > -0.0 is false
+      // clang-format on
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(bits(c.got), c.expected) << c.what << " = " << c.got;
-}
-
-TEST(RvMath, IntegerHelpers) {
+  for (size_t i = 0; i < std::size(floats); ++i) {
+    uint32_t bits;
+    memcpy(&bits, &floats[i].first, sizeof bits);
+    EXPECT_EQ(bits, floats[i].second) << "row " << i << ": " << floats[i].first;
+  }
   // Rounding adds 0.5 in float: 0.49999997 + 0.5 ties to 1.0 there.
   const struct {
     float v;
     int round, trunc;
-  } numbers[] = {{0.5f, 1, 0},
-                 {-0.5f, -1, 0},
-                 {-0.4f, 0, 0},
-                 {2.5f, 3, 2},
-                 {-2.5f, -3, -2},
-                 {254.5f, 255, 254},
-                 {0.49999997f, 1, 0},
-                 {2147483520.0f, 2147483520, 2147483520},
-                 {3e9f, INT_MIN, INT_MIN},
-                 {kNaN, INT_MIN, INT_MIN}};
+  } numbers[] = {
+      // clang-format off
+      {0.5f, 1, 0}, {-0.5f, -1, 0}, {-0.4f, 0, 0}, {2.5f, 3, 2}, {-2.5f, -3, -2}, {254.5f, 255, 254},
+      {0.49999997f, 1, 0}, {2147483520.0f, 2147483520, 2147483520}, {3e9f, INT_MIN, INT_MIN},
+      {kNaN, INT_MIN, INT_MIN},
+      // clang-format on
+  };
   for (const auto& c : numbers) {
     EXPECT_EQ(my_round(c.v), c.round) << c.v;
     EXPECT_EQ(rvTruncToInt(c.v), c.trunc) << c.v;
   }
   // With lo > hi, v below lo gives lo, anything else hi.
-  const int clamps[][4] = {{-1, 0, 10, 0}, {10, 0, 10, 10}, {5, 10, 0, 10}, {15, 10, 0, 0}};
-  for (const auto& c : clamps)
-    EXPECT_EQ(myClamp(c[0], c[1], c[2]), c[3]) << c[0] << " in " << c[1] << ".." << c[2];
-  EXPECT_FALSE(isWithinBounds(0, 0, 0, 0));
-  EXPECT_TRUE(isWithinBounds(4, 2, 5, 3));
-  EXPECT_FALSE(isWithinBounds(5, 2, 5, 3));
-  EXPECT_FALSE(isWithinBounds(4, 3, 5, 3));
-  EXPECT_FALSE(isWithinBounds(0, -1, 5, 3));
+  EXPECT_EQ(std::vector<int>(
+                {myClamp(-1, 0, 10), myClamp(10, 0, 10), myClamp(5, 10, 0), myClamp(15, 10, 0)}),
+            std::vector<int>({0, 10, 10, 0}));
+  EXPECT_EQ(std::vector<bool>({isWithinBounds(0, 0, 0, 0), isWithinBounds(4, 2, 5, 3),
+                               isWithinBounds(5, 2, 5, 3), isWithinBounds(4, 3, 5, 3),
+                               isWithinBounds(0, -1, 5, 3)}),
+            std::vector<bool>({false, true, false, false, false}));
 }
 
 TEST(RvImage, ChannelsCopiesAndSelfAssignment) {
@@ -107,85 +79,68 @@ TEST(RvImage, ChannelsCopiesAndSelfAssignment) {
   Bytes src = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
   RVImage img(2, 2, RV_IMG_BGR, src.data());
   src.assign(12, 0);  // the image holds its own copy
-  img.channels = 1;   // inconsistent on purpose: a copy keeps it, never re-derives
+  img.channels = 1;   // inconsistent on purpose: a copy keeps it, never derives it again
   RVImage copy(img);
-  EXPECT_EQ(bytesOf(copy), (Bytes{1, 2, 3, 4}));
-  copy.data[0] = 99;
-  EXPECT_EQ(img.data[0], 1);
-  // No self-assignment guard: a fresh, zeroed buffer of the same size.
+  copy.data[3] = 99;
+  EXPECT_EQ(bytesOf(img), (Bytes{1, 2, 3, 4}));
   RVImage& alias = copy;
-  copy = alias;
+  copy = alias;  // no self-assignment guard: a fresh, zeroed buffer of the same size
   EXPECT_EQ(bytesOf(copy), Bytes(4, 0));
 }
 
-TEST(RvStages, GrayConversionWeighsByChannelOrder) {
-  // 0.114 * 255 = 29.07, 0.299 * 255 = 76.245, 0.587 * 255 = 149.685. The
-  // last four are pixels where only the stated order of the float sums lands
-  // on .5 or above (BGR 1,5,249 gives 77.5; summed the other way 77.49999).
+TEST(RvStages, GrayMomentsAndToneCurve) {
+  // 0.114 * 255 = 29.07, 0.299 * 255 = 76.245, 0.587 * 255 = 149.685. In the
+  // last four only the stated order of the float sums reaches .5 (BGR 1,5,249
+  // gives 77.5; summed the other way 77.49999).
   const struct {
     int color;
     Bytes pixel;
     int expected;
-  } cases[] = {
-      {RV_IMG_GRAY, {200}, 200},
-      {RV_IMG_BGR, {255, 255, 255}, 255},
-      {RV_IMG_BGR, {255, 0, 0}, 29},
-      {RV_IMG_BGR, {0, 0, 255}, 76},
-      {RV_IMG_BGR, {0, 255, 0}, 150},
-      {RV_IMG_RGB, {255, 0, 0}, 76},
-      {RV_IMG_BGRA, {255, 0, 0, 250}, 29},
-      {RV_IMG_RGBA, {255, 0, 0, 99}, 76},
-      {5, {255, 0, 0, 0}, 76},
-      {-1, {0, 0, 255, 255}, 29},
-      {RV_IMG_BGR, {1, 5, 249}, 78},
-      {RV_IMG_BGR, {1, 76, 26}, 52},
-      {RV_IMG_RGB, {2, 6, 170}, 24},
-      {RV_IMG_RGB, {3, 1, 44}, 7},
+  } pixels[] = {
+      // clang-format off
+      {RV_IMG_GRAY, {200}, 200}, {RV_IMG_BGR, {255, 255, 255}, 255}, {RV_IMG_BGR, {255, 0, 0}, 29},
+      {RV_IMG_BGR, {0, 0, 255}, 76}, {RV_IMG_BGR, {0, 255, 0}, 150}, {RV_IMG_RGB, {255, 0, 0}, 76},
+      {RV_IMG_BGRA, {255, 0, 0, 250}, 29}, {RV_IMG_RGBA, {255, 0, 0, 99}, 76}, {5, {255, 0, 0, 0}, 76},
+      {-1, {0, 0, 255, 255}, 29}, {RV_IMG_BGR, {1, 5, 249}, 78}, {RV_IMG_BGR, {1, 76, 26}, 52},
+      {RV_IMG_RGB, {2, 6, 170}, 24}, {RV_IMG_RGB, {3, 1, 44}, 7},
+      // clang-format on
   };
-  for (const auto& c : cases) {
-    const RVImage out = cvtGray(RVImage(1, 1, static_cast<RV_IMG_COLOR>(c.color), c.pixel.data()));
-    EXPECT_EQ(out.color, RV_IMG_GRAY);
-    EXPECT_EQ(bytesOf(out), Bytes{static_cast<uint8_t>(c.expected)}) << "color " << c.color;
-  }
-}
-
-TEST(RvStages, MomentThresholdOnWorkedHistograms) {
+  for (const auto& c : pixels)
+    EXPECT_EQ(bytesOf(cvtGray(RVImage(1, 1, static_cast<RV_IMG_COLOR>(c.color), c.pixel.data()))),
+              Bytes{static_cast<uint8_t>(c.expected)})
+        << "color " << c.color;
   // {0,0,100,200}: m1 = 75, m2 = 12500, m3 = 2.25e6, z0 ~ 10.05, z1 ~ 180.85,
   // p0 ~ 0.62: the cumulative 0.5 at level 0 is not above it, 0.75 at 100 is.
   // A uniform page has NaN moments and no level; {32,33,33} cancels in float
   // to a discriminant of about -1.25.
-  const struct {
-    Bytes px;
-    int expected;
-  } cases[] = {{{0, 0, 100, 200}, 100}, {{0, 0, 64, 255}, 64}, {{10, 10, 10, 50, 50, 250}, 50},
-               {Bytes(9, 77), -1},      {Bytes(4, 255), -1},   {{32, 33, 33}, 128}};
-  for (const auto& c : cases)
-    EXPECT_EQ(thresh_global_moments(gray(static_cast<int>(c.px.size()), 1, c.px)), c.expected);
-}
-
-TEST(RvStages, ToneCurveOnWorkedLevels) {
-  // Worked with real powers; each lies well away from an integer.
+  const std::pair<Bytes, int> histograms[] = {{{0, 0, 100, 200}, 100},
+                                              {{0, 0, 64, 255}, 64},
+                                              {{10, 10, 10, 50, 50, 250}, 50},
+                                              {Bytes(9, 77), -1},
+                                              {{32, 33, 33}, 128}};
+  for (const auto& [px, level] : histograms)
+    EXPECT_EQ(thresh_global_moments(gray(static_cast<int>(px.size()), 1, px)), level);
+  // Tone curves worked with real powers; each lies well away from an integer.
   const struct {
     int knee;
     float g1, g2;
     int level, expected;
-  } cases[] = {
-      {64, 0.85f, 0.7f, 0, 0},
-      {64, 0.85f, 0.7f, 64, 64},
-      {64, 0.85f, 0.7f, 255, 255},
+  } tones[] = {
+      // clang-format off
+      {64, 0.85f, 0.7f, 0, 0}, {64, 0.85f, 0.7f, 64, 64}, {64, 0.85f, 0.7f, 255, 255},
       {64, 0.85f, 0.7f, 32, 35},    // 0.5^0.85 * 64 = 35.51
       {64, 0.85f, 0.7f, 128, 152},  // (64/191)^0.7 * 191 + 64 = 152.85
       {100, 0.5f, 1.5f, 50, 70},    // sqrt(0.5) * 100 = 70.71
       {100, 0.5f, 1.5f, 200, 180},  // (100/155)^1.5 * 155 + 100 = 180.32
       // Knee -1: all levels on the upper curve, over 256 levels, shifted by -1.
-      {-1, 0.85f, 0.7f, 0, 4},    // (1/256)^0.7 * 256 - 1 = 4.28
-      {-1, 0.5f, 1.5f, 0, 0},     // 1/16 - 1 = -0.94 truncates toward zero
-      {-1, 0.5f, 1.5f, 127, 89},  // 0.5^1.5 * 256 - 1 = 89.51
+      {-1, 0.85f, 0.7f, 0, 4},      // (1/256)^0.7 * 256 - 1 = 4.28
+      {-1, 0.5f, 1.5f, 0, 0},       // 1/16 - 1 = -0.94 truncates toward zero
+      {-1, 0.5f, 1.5f, 127, 89},    // 0.5^1.5 * 256 - 1 = 89.51
       // Knee 255: level 255 takes 0/0; the NaN converts to INT_MIN, low byte 0.
-      {255, 0.5f, 1.5f, 255, 0},
-      {255, 0.5f, 1.5f, 254, 254},  // sqrt(254/255) * 255 = 254.4995
+      {255, 0.5f, 1.5f, 255, 0}, {255, 0.5f, 1.5f, 254, 254},  // sqrt(254/255) * 255 = 254.4995
+      // clang-format on
   };
-  for (const auto& c : cases) {
+  for (const auto& c : tones) {
     RVImage img = gray(1, 1, {static_cast<uint8_t>(c.level)});
     enh_piecewise_gamma(img, c.knee, c.g1, c.g2);
     EXPECT_EQ(img.data[0], c.expected) << "knee " << c.knee << " level " << c.level;
@@ -210,7 +165,7 @@ TEST(RvStages, BlursOnHandKernels) {
   // a bright centre spreads as 255 * 0.2042 = 52, 0.1238 -> 32, 0.0751 -> 19.
   EXPECT_EQ(bytesOf(enh_gaussian_filter(gray(3, 3, {0, 0, 0, 0, 255, 0, 0, 0, 0}), 3, 1.0, 1.0)),
             (Bytes{19, 32, 19, 32, 52, 32, 19, 32, 19}));
-  // Unsharp combination: round(image * (1 + a) - blurred * a), clamped.
+  // Unsharp combination: round(image * (1 + a) - blurred * a), clamped; a in tenths.
   const uint8_t weighted[][4] = {{200, 100, 10, 255}, {50, 150, 10, 0},   {100, 50, 10, 150},
                                  {101, 100, 5, 102},  {100, 101, 5, 100}, {10, 0, 30, 40}};
   for (const auto& c : weighted)
@@ -223,32 +178,27 @@ TEST(RvStages, StencilDiffusionOnWorkedPages) {
     int w, h, threshold;
     Bytes in, expected;
   } cases[] = {
-      {1, 1, 128, {200}, {255}},     // error -55 has nowhere to go
-      {1, 1, 128, {128}, {0}},       // equal is not above
-      {2, 1, -1, {0, 0}, {255, 0}},  // -255 * 0.505786 = -129 darkens the next
+      // clang-format off
+      {1, 1, 128, {200}, {255}},         // error -55 has nowhere to go
+      {1, 1, 128, {128}, {0}},           // equal is not above
+      {2, 1, -1, {0, 0}, {255, 0}},      // -255 * 0.505786 = -129 darkens the next
       // Width 1: only the 0.243191 share reaches the pixel below.
       {1, 2, 120, {100, 90}, {0, 0}},    // 90 + 24.3 = 114.3
       {1, 2, 120, {100, 96}, {0, 255}},  // 96 + 24.3 = 120.3
       // x=2 gets 100 * -0.052926 directly and 50.58 * 0.505786 via x=1: X + 20.29.
-      {3, 1, 200, {100, 0, 177}, {0, 0, 0}},
-      {3, 1, 200, {100, 0, 182}, {0, 0, 255}},
+      {3, 1, 200, {100, 0, 177}, {0, 0, 0}}, {3, 1, 200, {100, 0, 182}, {0, 0, 255}},
       // (1,1) = 200 turns white beside black left and top neighbours: inside the
       // page its error is 200 - 255 * (1 - 0.2854) = +17.8, lifting (2,1) from
       // 95 to 104 > 100; on the last row it is the border's -55 and (2,1) stays.
-      {4,
-       3,
-       100,
-       {0, 0, 0, 0, 0, 200, 95, 0, 0, 0, 0, 0},
-       {0, 0, 0, 0, 0, 255, 255, 0, 0, 0, 0, 0}},
+      {4, 3, 100, {0, 0, 0, 0, 0, 200, 95, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, 255, 255, 0, 0, 0, 0, 0}},
       {4, 2, 100, {0, 0, 0, 0, 0, 200, 95, 0}, {0, 0, 0, 0, 0, 255, 0, 0}},
+      // clang-format on
   };
   for (const auto& c : cases)
     EXPECT_EQ(bytesOf(edf_cus(gray(c.w, c.h, c.in), c.threshold)), c.expected)
         << c.w << "x" << c.h << " t=" << c.threshold;
-  // An empty page comes back as a copy, colour type and all.
-  RVImage empty(0, 3, RV_IMG_BGR);
-  EXPECT_EQ(rvTattooDithering(empty).color, RV_IMG_BGR);
-  EXPECT_EQ(rvTattooDitheringQ7(empty).height, 3);
+  RVImage empty(0, 3, RV_IMG_BGR);  // comes back as a copy, colour type and all
+  EXPECT_EQ(rvTattooDithering(empty).color + rvTattooDitheringQ7(empty).height, RV_IMG_BGR + 3);
 }
 
 }  // namespace
