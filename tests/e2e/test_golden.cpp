@@ -84,6 +84,11 @@ const GoldenJob kJobs[] = {
     {"OneBitPageAfterAGoodOne", "", "photo 1bit"},
     {"EmptyStream", "", ""},
     {"PageTooLarge", "", "empty:70000x70000"},
+    {"StandardInput", "", "photo", R"sh(exec <"$6"; set -- "$1" "$2" "$3" "$4" "$5")sh"},
+    {"FiveArguments", "", "photo", "set -- 1 u t 1"},
+    {"UnopenableFile", "", "photo", "set -- 1 u t 1 '' /no/such.ras"},
+    {"NoPpd", "", "photo", "unset PPD"},
+    {"UnreadablePpd", "", "photo", "printf '*PPD-Adobe: 4\\n\\001' >/var/spool/p; PPD=/var/spool/p"},
 };
 // clang-format on
 

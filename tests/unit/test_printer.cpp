@@ -152,7 +152,7 @@ TEST_F(Printer, FlipsContrastAndTrimsThatNoJobOptionSets) {
             std::string("\4\0", 2));
 }
 
-TEST_F(Printer, DebugImageAndCommandBytes) {
+TEST_F(Printer, OneBitDebugImageAndPageRecordBytes) {
   // 1 bit: row 0 of 0 1 0 1 0 1 0 1 | 1 0 is AA, then 40 | 3F (unused low bits
   // set) = 7F; row 1 of eight 9s | 0 9 is 00, 80 | 3F = BF; last row first,
   // rows padded to 4 bytes.
@@ -165,24 +165,6 @@ TEST_F(Printer, DebugImageAndCommandBytes) {
       "BM\x46\0\0\0\0\0\0\0\x3e\0\0\0\x28\0\0\0\x0a\0\0\0\2\0\0\0\1\0\1\0\0\0\0\0\x08";
   const char tail[] = "\0\0\0\0\xff\xff\xff\0\0\xbf\0\0\xaa\x7f\0\0";
   EXPECT_EQ(bmp, std::string(head, 35) + std::string(19, '\0') + std::string(tail, 16));
-  // Speed n (mod 256) goes out as n - 2 from 2 on, from the job settings.
-  p.setPrintSpeed("9");
-  const std::pair<const char*, char> speeds[] = {
-      {"4", 2}, {"1", 1}, {"0", 0}, {"15", 13}, {"257", 1}};
-  for (const auto& [speed, sent] : speeds) {
-    strcpy(settings.PrintSpeed, speed);
-    EXPECT_EQ(output([&] { jobSetup(&p, &settings); })[0],
-              std::string("\x1b\x73\1\0\0", 5) + sent + '\1');
-  }
-  // The margin centres the page on the media in whole bytes, rounded up, in float.
-  const float margins[][3] = {{576, 476, 7}, {576, 480, 6}, {577, 576, 0}, {500, 576, 0}};
-  for (const auto& m : margins) {
-    settings.MaxMediaWidth = m[0];
-    EXPECT_EQ(p.CalcBlackPoints(nullptr, 60, {static_cast<long>(m[1]), 1}, nullptr, 0), 62 + m[2]);
-  }
-}
-
-TEST_F(Printer, PageRecordAndCounter) {
   // A 576 x 400 dot label at 203 dpi, page 7. Row 0: three dots at the left;
   // row 1: all 576; row 2: the last dot only.
   state.PageNum = 7;
@@ -191,7 +173,7 @@ TEST_F(Printer, PageRecordAndCounter) {
   Bytes page(576 * 400, 0);
   page[0] = page[1] = page[2] = page[3 * 576 - 1] = 255;
   std::fill(page.begin() + 576, page.begin() + 2 * 576, 255);
-  output([&] { p.printImage(page.data(), 576, 400, 576); });
+  EXPECT_EQ(output([&] { p.printImage(page.data(), 576, 400, 576); })[0], "");
   const std::string file = readFile(dir + "/spool/page_0007_jobid_000042_0000.dat");
   ASSERT_EQ(file.size(), 22u + 74 * 400);  // rows of 72 packed bytes + 2, no margin
   // LabelGaps; 576 wide; 400 rows -> 50.049 mm -> 399.99998 -> 399; 3 mm gap
@@ -200,20 +182,7 @@ TEST_F(Printer, PageRecordAndCounter) {
             std::string("SIZ\1\x40\2\x8f\1\x17\0\0\0\7\0\x1d\x76\x30\0\x4a\0\x90\1", 22));
   EXPECT_EQ(file.substr(22, 3) + file.substr(22 + 74, 3) + file.substr(22 + 3 * 74 - 1, 1),
             std::string("\3\0\xe0\x40\2\xff\1", 7));
-  // The counter went up by the page; it wraps at 9000 when stored and is read back.
   EXPECT_EQ(state.PageNum, 8);
-  const std::pair<uint16_t, const char*> stored[] = {
-      {8, "\x08\0"}, {8999, "\x27\x23"}, {9000, "\1\0"}};
-  for (const auto& [before, bytes] : stored) {
-    state.PageNum = before;
-    jobEnd(&p, &settings);
-    EXPECT_EQ(readFile(dir + "/spool/Label1.pgc"), std::string(bytes, 2)) << before;
-  }
-  FILE* f = fopen((dir + "/spool/Label1.pgc").c_str(), "wb");
-  fwrite("\x34\x12", 2, 1, f);
-  fclose(f);
-  output([&] { jobSetup(&p, &settings); });
-  EXPECT_EQ(state.PageNum, 0x1234);
 }
 
 TEST_F(Printer, AntiWrinkleFrame) {
