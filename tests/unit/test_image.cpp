@@ -96,7 +96,7 @@ TEST(CxImage, CreateLimitsDepthsAndPixels) {
   EXPECT_EQ(mono.GetNearestIndex({1, 1, 1, 0}), 0);
 }
 
-TEST(CxTransform, LightRotateExpandNegativeDepthAndLines) {
+TEST(CxTransform, LightRotateExpandNegativeAndDepth) {
   // v = (i - 128) * c + b + 0.5 in float, truncated, clamped; c = (contrast + 100) / 100.
   // c = 0.1f: -125 c rounds to exactly -12.5 in float, so index 3 gives 116.0.
   const int light[][4] = {
@@ -136,14 +136,6 @@ TEST(CxTransform, LightRotateExpandNegativeDepthAndLines) {
     i.Create(3, 2, d[0], 0);
     EXPECT_EQ(i.IncreaseBpp(d[1]), d[2] == 1) << d[0] << "->" << d[1];
   }
-  // Lines: both x then both y; both ends drawn, off-page points dropped.
-  img.Create(6, 6, 8, 0);
-  img.DrawLine(0, 3, 0, 1, 9);
-  img.DrawLine(4, 8, 2, 6, 7);
-  Bytes expected(36, 0);
-  expected[0] = expected[1] = expected[6 + 2] = expected[6 + 3] = 9;
-  expected[2 * 6 + 4] = expected[3 * 6 + 5] = 7;
-  EXPECT_EQ(pixelsOf(img), expected);
 }
 
 TEST(CxDither, KernelsThresholdMatricesAndEdges) {

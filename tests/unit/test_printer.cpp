@@ -1,11 +1,10 @@
-// The printer object on hand-worked bytes: setter clamps, output streams,
-// blank-row counts, packing, the flips and trims no job option selects, the
-// 1-bit debug image, the command blocks, page records, counter and frame.
+// The printer object on hand-worked bytes: what no job option selects (blank-row
+// counts, packing with a skip, contrast, rotation, trims, the frame), a page
+// record, and the barcode touch-ups on hand-made pages.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,7 +13,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 
 // Pixel rows as text: '.' is 0, any other character 255; blanks ignored.
@@ -29,6 +27,7 @@ Bytes px(const char* text) {
 class Printer : public testing::Test {
  protected:
   Printer() : dir(testWorkDir()), p(state, PrinterPaths{dir + "/spool", dir}) {
+    p.getOutputStreams().clear();
     p.setSettings(&settings);
     p.setPageHeader(&header);
     strcpy(settings.PaperType, "LabelGaps");
@@ -40,60 +39,12 @@ class Printer : public testing::Test {
     settings.MaxMediaWidth = 576;  // dots, as the driver leaves it per page
     header.HWResolution[0] = header.HWResolution[1] = 203;
   }
-  // What `body` writes to each of `n` output streams; the log goes to `log`.
-  std::vector<std::string> output(const std::function<void()>& body, int n = 1) {
-    std::vector<char*> data(n);
-    std::vector<size_t> size(n);
-    p.getOutputStreams().clear();
-    for (int i = 0; i < n; ++i)
-      p.getOutputStreams().push_back(open_memstream(&data[i], &size[i]));
-    log = captureLog(body);
-    std::vector<std::string> out;
-    for (int i = 0; i < n; ++i) {
-      fclose(p.getOutputStreams()[i]);
-      out.emplace_back(data[i], size[i]);
-      free(data[i]);
-    }
-    p.getOutputStreams().clear();
-    return out;
-  }
-
   std::string dir, log;
   PrinterState state;
   Settings settings{};
   cups_page_header2_t header{};
   OstraPrinter p;
 };
-
-TEST_F(Printer, SettersClampAndEveryStreamGetsTheBytes) {
-  EXPECT_EQ(p.getPrintSpeed() * 100 + p.getPrintDensity(), 708);  // 7 and 8 to start with
-  // value; brightness and contrast, density, speed from the value as text
-  const int clamps[][4] = {
-      {-250, -100, 0, 1}, {-1, -1, 0, 1}, {16, 16, 15, 15}, {101, 100, 15, 15}};
-  for (const auto& c : clamps) {
-    p.setBrightness(c[0]);
-    p.setContrast(c[0]);
-    p.setPrintDensity(c[0]);
-    p.setPrintSpeed(std::to_string(c[0]).c_str());
-    EXPECT_EQ(std::vector<int>(
-                  {p.getBrightness(), p.getContrast(), p.getPrintDensity(), p.getPrintSpeed()}),
-              std::vector<int>({c[1], c[1], c[2], c[3]}));
-  }
-  p.setPrintSpeed("12mm");  // atoi reads the leading digits
-  EXPECT_EQ(p.getPrintSpeed(), 12);
-  int formatted = 0;
-  const auto out = output(
-      [&] {
-        formatted = p.printFormat("%d-%s", 5, "x");
-        p.printStr("ab");
-        p.printByte(0);
-        p.printBytes(reinterpret_cast<const unsigned char*>("\x1b\xff"), 2);
-      },
-      2);
-  EXPECT_EQ(formatted, 3);
-  EXPECT_EQ(out, std::vector<std::string>(2, std::string("5-xab\0\x1b\xff", 8)));
-  EXPECT_EQ(p.printFormat("%d", 5), 0);  // no stream at all
-}
 
 TEST_F(Printer, BlankRowsAndPacking) {
   // 3 rows x 4 bytes and an inked fourth row in memory, which the front count's
@@ -141,30 +92,22 @@ TEST_F(Printer, FlipsContrastAndTrimsThatNoJobOptionSets) {
   EXPECT_LT(log.find("Rotated the image 180 degrees"), log.find("Mirrored the image"));
   p.setRotate180Print(false);
   p.setMirrorPrint(false);
+  p.setBrightness(101);  // brightness and contrast are held to -100..100
+  p.setContrast(-250);
+  EXPECT_EQ(p.getBrightness() - p.getContrast(), 200);
+  p.setBrightness(0);
   p.setContrast(-50);  // Light(0, -100): every level becomes 128, black
   EXPECT_EQ(process(Bytes(4, 255), 4, 1), Bytes(4, 0));
   // Ink only in row 2 of 4: the trim is worked out and logged, the whole page prints.
   p.setContrast(0);
   p.setRemoveBlankEdges(10);
-  output([&] { p.printImage(px(".... .... .#.. ....").data(), 4, 4, 4); });
+  log = captureLog([&] { p.printImage(px(".... .... .#.. ....").data(), 4, 4, 4); });
   EXPECT_NE(log.find("Adjusted image height to 2, pointer offset by 4 bytes\n"), std::string::npos);
   EXPECT_EQ(readFile(dir + "/spool/page_0001_jobid_000042_0000.dat").substr(20, 2),
             std::string("\4\0", 2));
 }
 
-TEST_F(Printer, OneBitDebugImageAndPageRecordBytes) {
-  // 1 bit: row 0 of 0 1 0 1 0 1 0 1 | 1 0 is AA, then 40 | 3F (unused low bits
-  // set) = 7F; row 1 of eight 9s | 0 9 is 00, 80 | 3F = BF; last row first,
-  // rows padded to 4 bytes.
-  const Bytes data = {0, 1, 0, 1, 0, 1, 0, 1, 1, 0, 9, 9, 9, 9, 9, 9, 9, 9, 0, 9};
-  p.saveImage(data.data(), 10, 2, 10, 1);
-  std::string bmp;
-  for (const auto& e : fs::directory_iterator(dir))
-    bmp += e.path().extension() == ".bmp" ? readFile(e.path()) : "";
-  const char head[] =
-      "BM\x46\0\0\0\0\0\0\0\x3e\0\0\0\x28\0\0\0\x0a\0\0\0\2\0\0\0\1\0\1\0\0\0\0\0\x08";
-  const char tail[] = "\0\0\0\0\xff\xff\xff\0\0\xbf\0\0\xaa\x7f\0\0";
-  EXPECT_EQ(bmp, std::string(head, 35) + std::string(19, '\0') + std::string(tail, 16));
+TEST_F(Printer, PageRecordBytes) {
   // A 576 x 400 dot label at 203 dpi, page 7. Row 0: three dots at the left;
   // row 1: all 576; row 2: the last dot only.
   state.PageNum = 7;
@@ -173,7 +116,7 @@ TEST_F(Printer, OneBitDebugImageAndPageRecordBytes) {
   Bytes page(576 * 400, 0);
   page[0] = page[1] = page[2] = page[3 * 576 - 1] = 255;
   std::fill(page.begin() + 576, page.begin() + 2 * 576, 255);
-  EXPECT_EQ(output([&] { p.printImage(page.data(), 576, 400, 576); })[0], "");
+  captureLog([&] { p.printImage(page.data(), 576, 400, 576); });
   const std::string file = readFile(dir + "/spool/page_0007_jobid_000042_0000.dat");
   ASSERT_EQ(file.size(), 22u + 74 * 400);  // rows of 72 packed bytes + 2, no margin
   // LabelGaps; 576 wide; 400 rows -> 50.049 mm -> 399.99998 -> 399; 3 mm gap
@@ -220,6 +163,121 @@ TEST_F(Printer, AntiWrinkleFrame) {
     for (size_t i = 0; i + 2 < c.probes.size(); i += 3)
       EXPECT_EQ(im.GetPixelIndex(c.probes[i], c.probes[i + 1]), c.probes[i + 2])
           << c.name << " at " << c.probes[i] << "," << c.probes[i + 1];
+  }
+}
+
+// An 8-bit page, rows (width + 3) / 4 * 4 bytes apart; the padding holds a
+// marker that no routine may touch.
+struct Page {
+  Page(int width, int height)
+      : w(width), h(height), stride((width + 3) / 4 * 4), b(stride * h, 0x5A) {
+    for (int y = 0; y < h; ++y)
+      fill(y, 0, w, 0);
+  }
+  uint8_t& at(int x, int y) { return b[y * stride + x]; }
+  void fill(int y, int from, int to, uint8_t v) {
+    for (int x = from; x < to && x < w; ++x)
+      at(x, y) = v;
+  }
+  int w, h, stride;
+  std::vector<uint8_t> b;
+};
+
+TEST_F(Printer, DashedLineBreaksOnlyLongEndedRunsInInnerRows) {
+  // Row `row`: full [from, from + len), one empty pixel, full to the edge.
+  // Expected: x in [dashFrom, dashTo) with x % 8 < 4 cleared, nothing else.
+  // Worked example: grid columns 16..408 lie in [410 - 400, 410); 408 clears
+  // 408..411, past the ending pixel 410, while 10..15 and 412 stay.
+  const struct {
+    int w, h, row, from, len, dashFrom, dashTo;
+  } cases[] = {
+      // clang-format off
+      {413, 9, 2, 10, 400, 16, 412},
+      {330, 9, 2, 0, 320, 0, 0}, {330, 9, 2, 0, 321, 0, 324},  // a run must exceed 320
+      {400, 9, 2, 0, 400, 0, 0},                               // open at the right edge
+      {413, 9, 1, 10, 400, 0, 0}, {413, 9, 3, 10, 400, 0, 0},  // row 1; the last six rows
+      {413, 20, 13, 9, 400, 16, 412},  // grid column 8 starts before the run
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    Page page(c.w, c.h);
+    page.fill(c.row, c.from, c.from + c.len, 255);
+    page.fill(c.row, c.from + c.len + 1, c.w, 255);
+    Page expected = page;
+    for (int x = c.dashFrom; x < c.dashTo; ++x)
+      if (x % 8 < 4)
+        expected.at(x, c.row) = 0;
+    captureLog([&] { p.ApplyDashedLine(page.b.data(), c.w, c.h); });
+    EXPECT_EQ(page.b, expected.b) << c.w << " " << c.row << " " << c.len;
+  }
+}
+
+TEST_F(Printer, RowScanClearsLongRunsOverShallowGaps) {
+  // Width 101: half is 50, middle column 50 not counted. Row 1: the run [from,
+  // from + len) and `extra` full pixels from column 60; row 0 full above the
+  // run if `above`; then `depth` empty rows and, if `stopper`, a full one.
+  const struct {
+    const char* what;
+    int from, len, extra, above, depth, stopper, clearFrom, clearTo;
+  } cases[] = {
+      // clang-format off
+      {"1 empty below", 10, 41, 0, 1, 1, 1, 10, 51},  {"3 empty below", 10, 41, 0, 1, 3, 1, 10, 51},
+      {"4 empty below", 10, 41, 0, 1, 4, 1, 0, 0},    {"ink right below", 10, 41, 0, 1, 0, 1, 0, 0},
+      {"nothing above", 10, 41, 0, 0, 1, 1, 0, 0},    {"run of 40", 10, 40, 0, 1, 1, 1, 0, 0},
+      {"50 full (40 + 10)", 10, 41, 10, 1, 1, 1, 0, 0}, {"open at the end", 60, 41, 0, 1, 1, 1, 0, 0},
+      {"43 from column 0 count as 41", 0, 43, 0, 1, 1, 1, 2, 43},  // the scan starts at 2
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    Page page(101, 2 + c.depth + c.stopper);
+    if (c.above)
+      page.fill(0, c.from, c.from + c.len, 255);
+    page.fill(1, c.from, c.from + c.len, 255);
+    page.fill(1, 60, 60 + c.extra, 255);
+    if (c.stopper)
+      page.fill(page.h - 1, c.from, c.from + c.len, 255);
+    Page expected = page;
+    expected.fill(1, c.clearFrom, c.clearTo, 0);
+    captureLog([&] { p.OptimazeBarcode1(page.b.data(), page.w, page.h); });
+    EXPECT_EQ(page.b, expected.b) << c.what;
+  }
+}
+
+TEST_F(Printer, ColumnScanStaggersAndTrimsBarEnds) {
+  // Every column of a 5-wide page holds `in` (top down, '#' full); expected for
+  // x % 4 == 0 (columns 0, 4), x % 4 == 2 and odd x, null if unchanged.
+  const struct {
+    const char *in, *col0, *col2, *odd;
+  } cases[] = {
+      // clang-format off
+      // Row 9 ends a run of 7 (rows 3..9): rows 7, 5 or 8, 6 go; row 9 too (row 11 full).
+      {"##########.#....", "#####.#.#..#....", "######.#...#....", "#########..#...."},
+      // Run of 6 at row 8: no stagger, only the trim; also over two empty rows.
+      {"#########.#.....", "########..#.....", "########..#.....", "########..#....."},
+      {"#########..#....", "########...#....", "########...#....", "########...#...."},
+      {"##########...#..", "#####.#.##...#..", "######.#.#...#..", nullptr},  // stagger only
+      {"######.#........", nullptr, nullptr, nullptr},  // run of 3: too short
+      // Row 7 is trimmed (run 5, ink at 9) and the scan steps over gap row 8,
+      // so the run goes on at row 9 with 6 and row 9 is trimmed too. Had it
+      // looked at row 8, row 9 would be a run of 1 and stay.
+      {"########.#.#....", "#######....#....", "#######....#....", "#######....#...."},
+      // Shortest trim: run of 4 at row 6, scanned only when height - 6 > 6.
+      {"#######.#....", "######..#....", "######..#....", "######..#...."},
+      {"#######.#...", nullptr, nullptr, nullptr},
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    const int h = static_cast<int>(std::string(c.in).size());
+    Page page(5, h), expected(5, h);
+    for (int x = 0; x < 5; ++x) {
+      const char* want = x % 2 ? c.odd : x % 4 == 0 ? c.col0 : c.col2;
+      for (int y = 0; y < h; ++y) {
+        page.at(x, y) = c.in[y] == '#' ? 255 : 0;
+        expected.at(x, y) = (want ? want : c.in)[y] == '#' ? 255 : 0;
+      }
+    }
+    captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
+    EXPECT_EQ(page.b, expected.b) << c.in;
   }
 }
 
