@@ -1,6 +1,5 @@
-// Runs the built filter binary inside a private mount namespace and collects
-// its exit status, output streams and the files it left in /tmp and the spool;
-// and the small helpers the tests share.
+// Runs the built filter in a private mount namespace and collects what it
+// wrote; and the small helpers the tests share.
 #ifndef OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 #define OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 

@@ -40,9 +40,6 @@ TestPage makePageWithDepth(unsigned width, unsigned height, unsigned bitsPerPixe
   h.cupsBytesPerLine = (width * bitsPerPixel + 7) / 8;
   h.cupsColorSpace = CUPS_CSPACE_K;
   h.cupsNumColors = 1;
-  h.PageSize[0] = width * 72 / 203;
-  h.PageSize[1] = height * 72 / 203;
-  strcpy(h.cupsPageSizeName, "w288h432");
   page.pixels.resize(static_cast<size_t>(h.cupsBytesPerLine) * height);
   return page;
 }

@@ -13,12 +13,10 @@ root=$(cd "$(dirname "$0")/../.." && pwd -P)
 mkdir -p "$1"
 out=$(cd "$1" && pwd -P)
 shift
-for dir in "$root" "$out"; do
-  case "$dir/" in /var/spool/*)
-    echo "sandbox.sh: $dir lies under /var/spool, which the sandbox replaces; use another place" >&2
-    exit 2 ;;
-  esac
-done
+case "$root/:$out/" in /var/spool/* | *:/var/spool/*)
+  echo "sandbox.sh: $root or $out lies under /var/spool, which the sandbox replaces" >&2
+  exit 2 ;;
+esac
 exec unshare -m --propagation private /bin/sh -c '
   set -eu
   root=$1 out=$2
