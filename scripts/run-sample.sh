@@ -6,6 +6,7 @@
 # as a PNG of the dots the printer will print. Everything lands in out/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+sh scripts/check-place.sh "$PWD"
 
 bash scripts/setup.sh
 build=$(bash scripts/build.sh plain | tail -n 1)

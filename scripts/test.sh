@@ -5,6 +5,7 @@
 # namespace (unshare -m) so the real /tmp and spool directories are untouched.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+sh scripts/check-place.sh "$PWD"
 
 bash scripts/setup.sh
 

@@ -13,10 +13,7 @@ root=$(cd "$(dirname "$0")/../.." && pwd -P)
 mkdir -p "$1"
 out=$(cd "$1" && pwd -P)
 shift
-case "$root/:$out/" in /var/spool/* | *:/var/spool/*)
-  echo "sandbox.sh: $root or $out lies under /var/spool, which the sandbox replaces" >&2
-  exit 2 ;;
-esac
+sh "$root/scripts/check-place.sh" "$root" "$out"
 exec unshare -m --propagation private /bin/sh -c '
   set -eu
   root=$1 out=$2

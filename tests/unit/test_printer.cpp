@@ -61,8 +61,8 @@ TEST_F(Printer, WhatNoJobOptionSets) {
   p.setContrast(-250);
   EXPECT_EQ(p.getBrightness() - p.getContrast(), 200);
   p.setBrightness(0);
-  p.setContrast(-50);  // Light(0, -100): every level becomes 128, black
-  EXPECT_EQ(process(Bytes(4, 255), 4, 1), Bytes(4, 0));
+  p.setContrast(-25);  // Light(0, -50): 129 becomes 1 * 0.5 + 128.5 = 129, still white
+  EXPECT_EQ(process(Bytes(4, 129), 4, 1), Bytes(4, 255));
   // Ink only in row 2 of 4: the front count tests rows from 1 and finds it at
   // 1, the back count returns 3, one past it. The trim is worked out and
   // logged; the whole page prints.
