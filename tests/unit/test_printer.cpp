@@ -57,10 +57,6 @@ TEST_F(Printer, WhatNoJobOptionSets) {
   EXPECT_LT(log.find("Rotated the image 180 degrees"), log.find("Mirrored the image"));
   p.setRotate180Print(false);
   p.setMirrorPrint(false);
-  p.setBrightness(101);  // brightness and contrast are held to -100..100
-  p.setContrast(-250);
-  EXPECT_EQ(p.getBrightness() - p.getContrast(), 200);
-  p.setBrightness(0);
   p.setContrast(-25);  // Light(0, -50): 129 becomes 1 * 0.5 + 128.5 = 129, still white
   EXPECT_EQ(process(Bytes(4, 129), 4, 1), Bytes(4, 255));
   // Ink only in row 2 of 4: the front count tests rows from 1 and finds it at
