@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 const char* const sHalftoneTypeStrTable[kHalftoneTypeCount] = {
     "None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki", "JarvisJudiceNinke",
@@ -28,12 +29,25 @@ void kiwaLogCommon(int level, const char* format, ...) {
   // reading past the table.
   if (level < 0 || level >= kLogLevelCount)
     level = KIWA_LOG_INVALID;
-  fputs(kLogLevelWords[level], out);
+  // Every filter of a job shares cupsd's status pipe, so the whole line goes
+  // out in one write or it may be spliced into another filter's line.
+  std::string line = kLogLevelWords[level];
   va_list args;
   va_start(args, format);
-  vfprintf(out, format, args);
+  va_list sizing;
+  va_copy(sizing, args);
+  const int length = vsnprintf(nullptr, 0, format, sizing);
+  va_end(sizing);
+  if (length > 0) {
+    const size_t start = line.size();
+    line.resize(start + static_cast<size_t>(length) + 1);
+    vsnprintf(&line[start], static_cast<size_t>(length) + 1, format, args);
+    line.resize(start + static_cast<size_t>(length));
+  }
   va_end(args);
-  fputs("\n", out);
+  line += '\n';
+  fwrite(line.data(), line.size(), 1, out);
+  fflush(out);
 }
 
 const char* kiwaHalftoneTypeToStr(DitherType type) {

@@ -36,7 +36,7 @@ enum KiwaLogLevel : int {
 };
 
 // Writes the level word, the formatted message and "\n" to the log stream
-// (standard error unless redirected). There is no level filter.
+// (standard error unless redirected) in one write. There is no level filter.
 void kiwaLogCommon(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Redirects the log to another stream (null restores standard error). Lets a

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +28,26 @@ constexpr double kMmPerInch = 25.4;
 // The page buffer size is a 32-bit product; a page whose product would wrap
 // is refused instead of being read into a buffer that is too small.
 constexpr uint64_t kMaxPageBytes = UINT32_MAX;
+
+// Set by SIGTERM, which is how CUPS cancels a job.
+volatile sig_atomic_t sCancelRequested = 0;
+
+extern "C" void onTerminate(int) {
+  sCancelRequested = 1;
+}
+
+// A cancelled job finishes the page in hand, keeps no half page and still
+// stores its counter; a vanished backend shows as a write error, not a kill.
+void installSignalHandlers() {
+  struct sigaction action;
+  memset(&action, 0, sizeof(action));
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  action.sa_handler = onTerminate;
+  sigaction(SIGTERM, &action, nullptr);
+  action.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &action, nullptr);
+}
 
 struct RasterCloser {
   void operator()(cups_raster_t* ras) const { cupsRasterClose(ras); }
@@ -130,8 +151,10 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     input.reset(fd);
   }
 
+  installSignalHandlers();
   printer = std::make_unique<OstraPrinter>(printerState, paths.printer);
   sPrinter = printer.get();
+  printer->setCancelCheck([] { return sCancelRequested != 0; });
 
   Settings settings;
   memset(&settings, 0, sizeof(settings));
@@ -159,7 +182,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
 
   int pageCount = 0;
   cups_page_header2_t header;
-  while (cupsRasterReadHeader2(raster.get(), &header)) {
+  while (sCancelRequested == 0 && cupsRasterReadHeader2(raster.get(), &header)) {
     if (header.cupsBitsPerPixel != 8) {
       kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
                     static_cast<int>(header.cupsBitsPerPixel));
@@ -200,8 +223,10 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     printer->setNegativePrint(settings.NegativeImage != 0);
     printer->SetPrintWidth(static_cast<long>(kiwaTruncate(settings.MaxMediaWidth)));
 
-    // Once per page: every page reloads the counter and resends the settings.
+    // Once per page: every page reloads the counter and resends the settings,
+    // which reach the backend before the page's record appears.
     jobSetup(printer.get(), &settings);
+    printer->flushOutput();
 
     ++pageCount;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));
@@ -211,8 +236,14 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
       printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
     }
+    if (printer->outputFailed())
+      break;
   }
+  if (sCancelRequested != 0)
+    kiwaLogCommon(KIWA_LOG_DEBUG, "Job canceled after %d page(s)", pageCount);
 
   jobEnd(printer.get(), &settings);
-  return 0;
+  printer->flushOutput();
+  // A lost page record would otherwise pass for a printed page.
+  return printer->outputFailed() ? 1 : 0;
 }

@@ -20,7 +20,9 @@ struct FilterPaths {
 
 // Runs one job with the standard filter arguments
 // (program job_id user title copies options [file]) and returns the exit
-// status: 0 when the raster stream was read to its end, 1 on any failure.
+// status: 0 when the raster stream was read to its end or the job was
+// cancelled (SIGTERM), 1 on any failure, a page record or the page counter
+// that could not be written included.
 int runFilterJob(int argc, char* argv[], const FilterPaths& paths = FilterPaths());
 
 #endif  // OSTRA_FILTER_FILTER_JOB_H

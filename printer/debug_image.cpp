@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <ctime>
 #include <vector>
 
@@ -37,6 +39,7 @@ void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLin
     fprintf(stderr, "KiwaPrinter::saveImage: unable to open the file %s\n", name);
     return;
   }
+  pageImages_.push_back(name);
 
   const bool gray = bpp == 8;
   const uint32_t rowSize = ((gray ? width : (width + 7) / 8) + 3) & ~3ul;
@@ -95,4 +98,10 @@ void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLin
     }
   }
   fclose(file);
+}
+
+void KiwaPrinter::discardPageImages() {
+  for (const std::string& name : pageImages_)
+    unlink(name.c_str());
+  pageImages_.clear();
 }

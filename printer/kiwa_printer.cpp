@@ -82,6 +82,11 @@ void KiwaPrinter::printBytes(const unsigned char* data, unsigned long size) {
     fwrite(data, size, 1, stream);
 }
 
+void KiwaPrinter::flushOutput() {
+  for (FILE* stream : outputStreams_)
+    fflush(stream);
+}
+
 void KiwaPrinter::printStr(const char* s) {
   for (FILE* stream : outputStreams_)
     fprintf(stream, "%s", s);

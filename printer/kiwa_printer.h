@@ -91,6 +91,8 @@ class KiwaPrinter {
   // Every output stream receives the same bytes, in list order; write errors
   // are ignored.
   void printBytes(const unsigned char* data, unsigned long size);
+  // Hands what the streams hold on to their readers.
+  void flushOutput();
   void printStr(const char* s);
   void printByte(unsigned char c);
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -111,6 +113,9 @@ class KiwaPrinter {
   // process-wide image counter.
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                  unsigned long width, unsigned short bpp);
+  // Removes the debug images of the page in progress, for a page abandoned
+  // before its record was kept.
+  void discardPageImages();
 
   // Centres the page on the canvas of its page size and draws the solid
   // frame whose side bars grow with the anti-wrinkle level.
@@ -151,6 +156,7 @@ class KiwaPrinter {
 
   PrinterState& state_;
   PrinterPaths paths_;
+  std::vector<std::string> pageImages_;  // debug images of the page in progress
 
  private:
   void setImageFileName(const char* prefix);

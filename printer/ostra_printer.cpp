@@ -1,8 +1,10 @@
 #include "printer/ostra_printer.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,6 +17,7 @@ constexpr uint16_t kPageNumWrap = 9000;
 constexpr uint8_t kRasterCommand[4] = {0x1D, 0x76, 0x30, 0x00};  // GS 'v' '0', mode 0
 constexpr size_t kRecordHeaderSize = 22;                         // "SIZ" block + raster header
 constexpr int kMaxNameSuffix = 1000000;
+constexpr int kMaxTemporaryTries = 1000;
 
 void putLe16(uint8_t* at, unsigned value) {
   at[0] = static_cast<uint8_t>(value & 0xFF);
@@ -23,6 +26,67 @@ void putLe16(uint8_t* at, unsigned value) {
 
 std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
   return printer.paths().spoolDir + "/" + settings.PrinterName + ".pgc";
+}
+
+std::string directoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+}
+
+bool writeAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Writes the bytes to a new hidden file beside `path`, so that a reader of the
+// directory never sees a file half-written under a name it looks for. Returns
+// the file's name, or an empty string with errno set.
+std::string writeTemporary(const std::string& path, const uint8_t* data, size_t size) {
+  const std::string dir = directoryOf(path);
+  const std::string hidden = dir + "." + path.substr(dir.size()) + "." + std::to_string(getpid());
+  for (int n = 0; n < kMaxTemporaryTries; ++n) {
+    const std::string temp = hidden + "-" + std::to_string(n);
+    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0 && errno == EEXIST)
+      continue;
+    if (fd < 0)
+      return std::string();
+    bool written = writeAll(fd, data, size);
+    int error = errno;
+    if (close(fd) != 0 && written) {
+      written = false;
+      error = errno;
+    }
+    if (written)
+      return temp;
+    unlink(temp.c_str());
+    errno = error;
+    return std::string();
+  }
+  errno = EEXIST;
+  return std::string();
+}
+
+std::string pageFilePath(const std::string& dir, unsigned short pageNum, int jobId, int n) {
+  char name[64];
+  snprintf(name, sizeof(name), "/page_%04d_jobid_%06d_%04d.dat", pageNum, jobId, n);
+  return dir + name;
+}
+
+bool canOpenForReading(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "r");
+  if (f == nullptr)
+    return false;
+  fclose(f);
+  return true;
 }
 
 }  // namespace
@@ -57,13 +121,20 @@ void jobEnd(OstraPrinter* printer, Settings* settings) {
   uint16_t& pageNum = printer->state().PageNum;
   if (pageNum >= kPageNumWrap)
     pageNum = 1;
-  FILE* f = fopen(counterPath(*printer, *settings).c_str(), "wb");
-  if (f == nullptr)
+  const std::string path = counterPath(*printer, *settings);
+  if (access(directoryOf(path).c_str(), F_OK) != 0)
     return;
   uint8_t bytes[2];
   putLe16(bytes, pageNum);
-  fwrite(bytes, sizeof(bytes), 1, f);
-  fclose(f);
+  // Moved over the old counter in one step: a job starting meanwhile reads
+  // either the old value or the new one, never a torn file.
+  const std::string temp = writeTemporary(path, bytes, sizeof(bytes));
+  if (temp.empty() || rename(temp.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    if (!temp.empty())
+      unlink(temp.c_str());
+    printer->reportWriteFailure("page counter", path, error);
+  }
 }
 
 bool OstraPrinter::SendPrintSetting() {
@@ -193,8 +264,11 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
   char jobId[kSettingsJobIdLen + 1] = {0};
   if (settings_ != nullptr)
     memcpy(jobId, settings_->JobId, kSettingsJobIdLen);
+  pageAbandoned_ = false;
   DumpPageToFile(state_.PageNum, atoi(jobId), page.get(), static_cast<long>(total));
-  ++state_.PageNum;
+  // An abandoned page leaves no file, so its number stays free.
+  if (!pageAbandoned_)
+    ++state_.PageNum;
 }
 
 void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data,
@@ -205,21 +279,43 @@ void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned ch
   if (access(dir.c_str(), F_OK) != 0)
     mkdir(dir.c_str(), 0700);
 
-  std::string path;
-  for (int n = 0; n < kMaxNameSuffix; ++n) {
-    char name[64];
-    snprintf(name, sizeof(name), "/page_%04d_jobid_%06d_%04d.dat", pageNum, jobId, n);
-    path = dir + name;
-    FILE* existing = fopen(path.c_str(), "r");
-    if (existing == nullptr)
-      break;
-    fclose(existing);
-  }
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr)
+  int n = 0;
+  std::string path = pageFilePath(dir, pageNum, jobId, n);
+  const std::string temp = writeTemporary(path, data, static_cast<size_t>(size));
+  if (temp.empty()) {
+    reportWriteFailure("page file", path, errno);
     return;
-  fwrite(data, static_cast<size_t>(size), 1, f);
-  fclose(f);
+  }
+  if (cancelCheck_ && cancelCheck_()) {
+    unlink(temp.c_str());
+    discardPageImages();
+    pageAbandoned_ = true;
+    kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: job canceled, page %d not kept", pageNum);
+    return;
+  }
+  // The first free name; one that appears between the look and the link is
+  // never replaced, the search goes on past it.
+  bool placed = false;
+  int error = EEXIST;
+  for (; n < kMaxNameSuffix && !placed && error == EEXIST; ++n) {
+    path = pageFilePath(dir, pageNum, jobId, n);
+    if (canOpenForReading(path))
+      continue;
+    placed = link(temp.c_str(), path.c_str()) == 0;
+    if (!placed)
+      error = errno;
+  }
+  unlink(temp.c_str());
+  if (!placed) {
+    reportWriteFailure("page file", path, error);
+    return;
+  }
   kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: dumped the page data to file:%s, size:%d",
                 path.c_str(), static_cast<int>(size));
+}
+
+void OstraPrinter::reportWriteFailure(const char* what, const std::string& path, int error) {
+  kiwaLogCommon(KIWA_LOG_ERROR, "Unable to write the %s %s: %s", what, path.c_str(),
+                strerror(error));
+  outputFailed_ = true;
 }

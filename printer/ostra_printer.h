@@ -4,6 +4,8 @@
 #define OSTRA_PRINTER_OSTRA_PRINTER_H
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 #include "common/settings.h"
 #include "printer/kiwa_printer.h"
@@ -44,18 +46,30 @@ class OstraPrinter : public KiwaPrinter {
   // Path of this printer's page counter file.
   std::string pageCounterPath() const;
 
+  // Asked once a page record is complete, before it is moved into place:
+  // true abandons the page (the job is being cancelled).
+  void setCancelCheck(std::function<bool()> check) { cancelCheck_ = std::move(check); }
+  // Logs a page record or counter that could not be kept; the front end ends
+  // the job as failed once outputFailed() is set.
+  void reportWriteFailure(const char* what, const std::string& path, int error);
+  bool outputFailed() const { return outputFailed_; }
+
  protected:
   void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
                     unsigned long width) override;
 
   int32_t rowStride_ = 0;
   Settings* settings_ = nullptr;
+  std::function<bool()> cancelCheck_;
+  bool outputFailed_ = false;
+  bool pageAbandoned_ = false;
 };
 
 // Per page, before its pixels are read: reload the page counter and send the
 // print-setting block.
 void jobSetup(OstraPrinter* printer, Settings* settings);
-// Once after the last page: wrap the counter at 9000 and store it.
+// Once after the last page: wrap the counter at 9000 and store it. A page
+// directory that does not exist yet means no page was kept: nothing is stored.
 void jobEnd(OstraPrinter* printer, Settings* settings);
 
 #endif  // OSTRA_PRINTER_OSTRA_PRINTER_H

@@ -55,6 +55,7 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                 "printImage: Start processing image, input width: %zu, height: %zu, bytes per "
                 "line: %zu",
                 width, height, bytesPerLine);
+  pageImages_.clear();
   const size_t size = bytesPerLine * height;
   // Allocated as the pipeline always has, though nothing is written to it.
   Buffer pageBuffer(static_cast<unsigned char*>(malloc(size)));

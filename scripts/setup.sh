@@ -7,7 +7,7 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config clang-format
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
-  ghostscript poppler-utils util-linux barcode
+  ghostscript poppler-utils util-linux barcode strace
 )
 
 missing=()

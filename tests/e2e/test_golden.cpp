@@ -88,6 +88,10 @@ const GoldenJob kJobs[] = {
     {"FiveArguments", "", "photo", "set -- 1 u t 1"},
     {"UnopenableFile", "", "photo", "set -- 1 u t 1 '' /no/such.ras"},
     {"NoPpd", "", "photo", "unset PPD"},
+    // A record or counter that cannot be kept fails the job: no further page
+    // starts after a lost record, and no temporary file stays behind.
+    {"PageDirectoryIsAFile", "", "photo photo", "touch /var/spool/cups/tmp/otv6data"},
+    {"CounterPathIsADirectory", "", "photo", "mkdir -p /var/spool/cups/tmp/otv6data/ostra-test.pgc"},
     {"UnreadablePpd", "", "photo", "printf '*PPD-Adobe: 4\\n\\001' >/var/spool/p; PPD=/var/spool/p"},
 };
 // clang-format on
@@ -179,6 +183,37 @@ TEST_P(Golden, JobWritesTheLockedBytes) {
   fs::create_directories(fs::path(name).parent_path());
   std::ofstream(name) << actual;
   EXPECT_EQ(expected, actual) << run.err.substr(0, 2000);
+}
+
+// Under cupsd every filter of a job shares one status pipe, so each log line
+// must leave in one write; the backend gets a page's settings before the
+// page's record appears.
+TEST(FilterOutput, OneWritePerLogLineAndSettingsBeforeEachRecord) {
+  const std::string raster = testWorkDir() + "/job.ras";
+  std::string error;
+  ASSERT_TRUE(writeRasterFile(raster, pagesOf("photo bars"), &error)) << error;
+  FilterCall call = filterJob("HalftoneType=Tattoo", raster);
+  // LeakSanitizer cannot run under ptrace.
+  call.prelude =
+      R"sh(ASAN_OPTIONS=detect_leaks=0 exec strace -qq -e trace=write,link -s 99999 -o /tmp/trace "$0" "$@")sh";
+  const FilterRun run = runFilter(call);
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::ifstream trace(run.tmpDir + "/trace");
+  std::string order;
+  size_t logLines = 0;
+  for (std::string line; std::getline(trace, line);) {
+    if (line.rfind("write(2, ", 0) == 0) {
+      ++logLines;
+      EXPECT_NE(line.find("\\n\", "), std::string::npos) << line;
+    }
+    order += line.rfind("write(1, ", 0) == 0 ? "s" : line.rfind("link(", 0) == 0 ? "r" : "";
+  }
+  std::istringstream err(run.err);
+  size_t lines = 0;
+  for (std::string line; std::getline(err, line);)
+    lines += !line.empty();
+  EXPECT_EQ(logLines, lines);
+  EXPECT_EQ(order, "srsr");
 }
 
 INSTANTIATE_TEST_SUITE_P(, Golden, testing::Range(size_t{0}, std::size(kJobs)),
