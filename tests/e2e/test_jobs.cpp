@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tests/support/filter_runner.h"
-#include "tests/support/raster_writer.h"
 #include "tools/page_record.h"
 
 namespace {
@@ -81,27 +80,6 @@ TEST(RealDocuments, SamplePdfUnderEveryHalftoneName) {
       EXPECT_LT(middle, 0.6) << name;
     }
   }
-}
-
-// A photograph-like page made here, turned into raster by CUPS's image
-// filters: both stencil types print a two-level picture of it, each its own.
-TEST(RealDocuments, PhotoPrintsAsAStencil) {
-  const TestPage photo = makePhotoPage(600, 800);
-  const std::string pgm = testWorkDir() + "/photo.pgm";
-  std::ofstream out(pgm, std::ios::binary);
-  out << "P5\n600 800\n255\n";
-  for (unsigned char ink : photo.pixels)
-    out.put(static_cast<char>(255 - ink));  // the file holds light, not ink
-  out.close();
-  const std::string raster = rasterise(pgm, "PageSize=Tattoo_A6");
-  const std::vector<PageRecord> plain = print(raster, "HalftoneType=Tattoo");
-  const std::vector<PageRecord> q7 = print(raster, "HalftoneType=Tattoo_Q7");
-  ASSERT_EQ(plain.size() + q7.size(), 2u);
-  for (const PageRecord& page : {plain[0], q7[0]}) {
-    EXPECT_GT(page.blackDots, page.rows * 839 / 5);  // A6 is 839 dots wide
-    EXPECT_LT(page.blackDots, page.rows * 839 * 4 / 5);
-  }
-  EXPECT_NE(plain[0].dots, q7[0].dots);
 }
 
 // A real Code 128 from Debian's `barcode`: upright on page 1 (bars run down the
