@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Configures and builds one variant: "plain" into build/, "sanitize" (ASan and
-# UBSan) into build-sanitize/. Prints the build directory on its last line.
+# UBSan) into build-sanitize/, "minimal" (the filter as a packager may build it:
+# no libpng, no Google Benchmark, no tests, warnings not fatal) into
+# build-minimal/. Prints the build directory on its last line.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -8,7 +10,9 @@ variant=${1:-plain}
 case "$variant" in
   plain) dir=build; flags=() ;;
   sanitize) dir=build-sanitize; flags=(-DOSTRA_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug) ;;
-  *) echo "usage: build.sh [plain|sanitize]" >&2; exit 2 ;;
+  minimal) dir=build-minimal; flags=(-DCMAKE_DISABLE_FIND_PACKAGE_PNG=ON
+    -DCMAKE_DISABLE_FIND_PACKAGE_benchmark=ON -DOSTRA_BUILD_TESTS=OFF -DOSTRA_WERROR=OFF) ;;
+  *) echo "usage: build.sh [plain|sanitize|minimal]" >&2; exit 2 ;;
 esac
 
 cmake -S . -B "$dir" -G Ninja "${flags[@]}" >/dev/null

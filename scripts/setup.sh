@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential g++ cmake ninja-build pkg-config clang-format
+  build-essential g++ cmake ninja-build pkg-config clang-format systemd
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
   ghostscript poppler-utils util-linux barcode strace

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds the project twice (plain, and with
-# AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both.
+# AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both;
+# first it proves the filter builds without the optional libraries.
 # The end-to-end tests need root: they run the filter in a private mount
 # namespace (unshare -m) so the real /tmp and spool directories are untouched.
 set -euo pipefail
@@ -12,6 +13,10 @@ bash scripts/setup.sh
 echo "== formatting"
 files=$(git ls-files '*.cpp' '*.h')
 clang-format --dry-run --Werror $files
+
+echo "== minimal build (no libpng, no Google Benchmark)"
+dir=$(bash scripts/build.sh minimal | tail -n 1)
+test -x "$dir/rastertoostra" && test ! -e "$dir/ostra-preview"
 
 for variant in plain sanitize; do
   echo "== $variant build"

@@ -18,7 +18,7 @@ exec unshare -m --propagation private /bin/sh -c '
   set -eu
   root=$1 out=$2
   shift 2
-  rm -f "$out/status"
+  rm -rf "$out/status" "$out/tmp" "$out/spool"
   exec 8<"$root" 9<"$out"
   mount -t tmpfs -o mode=1777 ostra-tmp /tmp
   # Hide the real spool tree first, so the mount point is made inside tmpfs.

@@ -1,0 +1,91 @@
+#!/bin/sh
+# The driver as installed, run by a real cupsd through CUPS's own clients: the
+# queue made from the listed PPD, documents printed, old debug pictures cleaned
+# by the installed rule, the install removed, a long job cancelled. Runs inside
+# sandbox.sh; cupsd reads and writes only tmpfs of this private namespace.
+#   cupsd_job.sh BUILD_DIR CUPS_SERVERBIN CUPS_DATADIR TMPFILES_DIR
+set -eu
+build=$1 filters=$2/filter models=$3/model tmpfiles=$4
+doc=$(cd "$(dirname "$0")/../.." && pwd)/samples/sample.pdf
+w=/tmp/cupsd stage=/tmp/cupsd/stage sock=/tmp/cupsd/sock records=/var/spool/cups/tmp/otv6data
+mount -t tmpfs -o mode=0755 ostra-run /run  # cupsd's default place for its state
+mkdir -p $w/etc $w/spool/tmp $w/state $w/cache $w/log $w/out
+fail() {
+  echo "FAIL: $*; error_log without debug lines (all of it is in the test's tmp/cupsd/log):"
+  grep -v '^D' $w/log/error_log | tail -n 40
+  exit 1
+}
+# Evaluates CONDITION every 0.1 s for up to a minute; a stopped queue or job
+# (a filter that failed stops its job, whatever the error policy) fails.
+poll() {
+  i=0
+  until eval "$1"; do
+    ! lpstat -h $sock -p ostra 2>/dev/null | grep -q disabled || fail "queue stopped"
+    ! grep -q '\] Job stopped' $w/log/error_log 2>/dev/null || fail "job stopped"
+    [ $((i += 1)) -lt 600 ] || fail "waited a minute for $1"
+    sleep 0.1
+  done
+}
+
+DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
+[ "$(stat -c %a "$stage$filters/rastertoostra")" = 755 ] || fail "filter mode is not 0755"
+# cupsd sees its filter and model directories with the staged files added.
+for dir in "$filters" "$models"; do
+  mkdir -p "$w/view$dir" && cp -a "$dir/." "$stage$dir/." "$w/view$dir/"
+  chmod 755 "$w/view$dir" && mount --bind "$w/view$dir" "$dir"
+done
+# A Unix socket only, no authentication, every log line kept; cupsd's own
+# directories on this tmpfs; filters run as lp.
+printf '%s\n' "Listen $sock" "LogLevel debug" "MaxLogSize 0" "Browsing No" "<Policy default>" \
+  "<Limit All>" "Order deny,allow" "</Limit>" "</Policy>" >$w/etc/cupsd.conf
+printf '%s\n' "User lp" "Group lp" "SystemGroup root" "FileDevice Yes" "ServerRoot $w/etc" \
+  "RequestRoot $w/spool" "TempDir $w/spool/tmp" "StateDir $w/state" "CacheDir $w/cache" \
+  "ErrorLog $w/log/error_log" "AccessLog $w/log/access_log" "PageLog $w/log/page_log" \
+  "Printcap $w/state/printcap" >$w/etc/cups-files.conf
+cupsd -f -c $w/etc/cupsd.conf -s $w/etc/cups-files.conf &
+cupsd=$!
+trap 'kill $cupsd && wait $cupsd || :' EXIT
+poll "[ -S $sock ] || ! kill -0 $cupsd"
+kill -0 $cupsd || fail "cupsd exited (it says why only to syslog)"
+
+model=$(lpinfo -h $sock -m | grep -o '^[^ ]*kiwa/ostra\.ppd') || fail "lpinfo -m lacks the PPD"
+lpadmin -h $sock -p ostra -E -v file://$w/out/device -m "$model"
+submit() { lp -h $sock -d ostra "$@" | sed -n 's/^request id is ostra-\([0-9]*\) .*/\1/p'; }
+idle() { poll '[ -z "$(lpstat -h $sock -o ostra)" ]'; }
+count() { ls $records | grep -c "^page_...._jobid_$(printf %06d "$1")_" || :; }
+preview() { (cd $records && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null); }
+
+pdftoppm -png -r 100 -singlefile "$doc" $w/page
+a=$(submit -o HalftoneType=Tattoo -o MirrorImage=True -o Darkness=Dark "$doc")
+idle
+[ "$(stat -c %s $w/out/device)" = 14 ] || fail "the device did not get a 7-byte block per page"
+b=$(submit -n 2 -o HalftoneType=Burkes $w/page.png)
+idle
+for job in $a $b; do
+  grep -q "\[Job $job\] Job completed" $w/log/error_log || fail "job $job did not complete"
+done
+# CUPS makes the copies: the filter gets the page twice.
+[ "$(count $a) $(count $b)" = "2 2" ] || fail "page records: $(ls $records)"
+preview || fail "ostra-preview refused a page record"
+
+# Old debug pictures go; page records, the counter and other files stay.
+touch -d '8 days ago' /var/spool/cups/tmp/origin_notes.txt /var/spool/cups/tmp/*.bmp $records/*
+kept=$(ls -AR /var/spool/cups/tmp | grep -v '\.bmp$')
+systemd-tmpfiles --clean "$stage$tmpfiles/rastertoostra.conf"
+[ "$(ls -AR /var/spool/cups/tmp)" = "$kept" ] || fail "tmpfiles: $(ls -AR /var/spool/cups/tmp)"
+
+DESTDIR=$stage cmake --build "$build" --target uninstall >/dev/null
+[ -z "$(find $stage ! -type d)" ] || fail "uninstall left $(find $stage ! -type d)"
+
+# Cancelled once its first page record is out (cupsd's copies of the filter
+# and PPD are still in place): whole records only, no temporary file left,
+# and the page counter stored.
+before=$(od -An -tu2 $records/ostra.pgc)
+c=$(submit -n 30 -o HalftoneType=Tattoo -o Resolution=300dpi "$doc")
+poll '[ "$(count $c)" -gt 0 ]'
+cancel -h $sock ostra-$c
+idle
+preview || fail "a page record was left half-written"
+[ -z "$(ls -A $records | grep '^\.')" ] || fail "temporary files left: $(ls -A $records)"
+after=$(od -An -tu2 $records/ostra.pgc)
+[ $after -gt $before ] || fail "page counter $before before the cancelled job, $after after it"
