@@ -181,6 +181,10 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   raster.reset(cupsRasterOpen(input.get(), CUPS_RASTER_READ));
 
   int pageCount = 0;
+  // The counter as the last finished page left it; a page cut short by a
+  // cancel must not take back the number an earlier page of the job used.
+  bool pageFinished = false;
+  uint16_t counterAfterPage = 0;
   cups_page_header2_t header;
   while (sCancelRequested == 0 && cupsRasterReadHeader2(raster.get(), &header)) {
     if (header.cupsBitsPerPixel != 8) {
@@ -235,12 +239,17 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     // A page whose pixels cannot be read is skipped without a message.
     if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
       printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+      pageFinished = true;
+      counterAfterPage = printerState.PageNum;
     }
     if (printer->outputFailed())
       break;
   }
-  if (sCancelRequested != 0)
+  if (sCancelRequested != 0) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "Job canceled after %d page(s)", pageCount);
+    if (pageFinished)
+      printerState.PageNum = counterAfterPage;
+  }
 
   jobEnd(printer.get(), &settings);
   printer->flushOutput();

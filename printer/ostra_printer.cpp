@@ -264,11 +264,8 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
   char jobId[kSettingsJobIdLen + 1] = {0};
   if (settings_ != nullptr)
     memcpy(jobId, settings_->JobId, kSettingsJobIdLen);
-  pageAbandoned_ = false;
   DumpPageToFile(state_.PageNum, atoi(jobId), page.get(), static_cast<long>(total));
-  // An abandoned page leaves no file, so its number stays free.
-  if (!pageAbandoned_)
-    ++state_.PageNum;
+  ++state_.PageNum;
 }
 
 void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data,
@@ -289,7 +286,6 @@ void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned ch
   if (cancelCheck_ && cancelCheck_()) {
     unlink(temp.c_str());
     discardPageImages();
-    pageAbandoned_ = true;
     kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: job canceled, page %d not kept", pageNum);
     return;
   }

@@ -62,7 +62,6 @@ class OstraPrinter : public KiwaPrinter {
   Settings* settings_ = nullptr;
   std::function<bool()> cancelCheck_;
   bool outputFailed_ = false;
-  bool pageAbandoned_ = false;
 };
 
 // Per page, before its pixels are read: reload the page counter and send the

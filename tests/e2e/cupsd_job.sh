@@ -1,8 +1,6 @@
 #!/bin/sh
-# The driver as installed, run by a real cupsd through CUPS's own clients: the
-# queue made from the listed PPD, documents printed, old debug pictures cleaned
-# by the installed rule, the install removed, a long job cancelled. Runs inside
-# sandbox.sh; cupsd reads and writes only tmpfs of this private namespace.
+# The installed driver under a real cupsd that reads and writes only tmpfs of
+# sandbox.sh's private namespace: queue, jobs, debug image ageing, uninstall, cancel.
 #   cupsd_job.sh BUILD_DIR CUPS_SERVERBIN CUPS_DATADIR TMPFILES_DIR
 set -eu
 build=$1 filters=$2/filter models=$3/model tmpfiles=$4
@@ -15,8 +13,7 @@ fail() {
   grep -v '^D' $w/log/error_log | tail -n 40
   exit 1
 }
-# Evaluates CONDITION every 0.1 s for up to a minute; a stopped queue or job
-# (a filter that failed stops its job, whatever the error policy) fails.
+# Waits up to a minute for CONDITION; a stopped queue or job fails at once.
 poll() {
   i=0
   until eval "$1"; do
@@ -34,8 +31,7 @@ for dir in "$filters" "$models"; do
   mkdir -p "$w/view$dir" && cp -a "$dir/." "$stage$dir/." "$w/view$dir/"
   chmod 755 "$w/view$dir" && mount --bind "$w/view$dir" "$dir"
 done
-# A Unix socket only, no authentication, every log line kept; cupsd's own
-# directories on this tmpfs; filters run as lp.
+# A Unix socket only, no authentication, every log line kept; filters run as lp.
 printf '%s\n' "Listen $sock" "LogLevel debug" "MaxLogSize 0" "Browsing No" "<Policy default>" \
   "<Limit All>" "Order deny,allow" "</Limit>" "</Policy>" >$w/etc/cupsd.conf
 printf '%s\n' "User lp" "Group lp" "SystemGroup root" "FileDevice Yes" "ServerRoot $w/etc" \
@@ -57,13 +53,10 @@ preview() { (cd $records && "$build/ostra-preview" -o $w/out page_*.dat >/dev/nu
 
 pdftoppm -png -r 100 -singlefile "$doc" $w/page
 a=$(submit -o HalftoneType=Tattoo -o MirrorImage=True -o Darkness=Dark "$doc")
-idle
-[ "$(stat -c %s $w/out/device)" = 14 ] || fail "the device did not get a 7-byte block per page"
 b=$(submit -n 2 -o HalftoneType=Burkes $w/page.png)
 idle
-for job in $a $b; do
-  grep -q "\[Job $job\] Job completed" $w/log/error_log || fail "job $job did not complete"
-done
+[ "$(grep -c "\[Job \($a\|$b\)\] Job completed" $w/log/error_log)" = 2 ] || fail "jobs did not complete"
+[ "$(stat -c %s $w/out/device)" = 14 ] || fail "the device did not get one 7-byte block per page of the last job"
 # CUPS makes the copies: the filter gets the page twice.
 [ "$(count $a) $(count $b)" = "2 2" ] || fail "page records: $(ls $records)"
 preview || fail "ostra-preview refused a page record"
@@ -77,14 +70,14 @@ systemd-tmpfiles --clean "$stage$tmpfiles/rastertoostra.conf"
 DESTDIR=$stage cmake --build "$build" --target uninstall >/dev/null
 [ -z "$(find $stage ! -type d)" ] || fail "uninstall left $(find $stage ! -type d)"
 
-# Cancelled once its first page record is out (cupsd's copies of the filter
-# and PPD are still in place): whole records only, no temporary file left,
-# and the page counter stored.
+# Cancelled once its first record is out: whole records only, no temporary
+# file left, and the page counter stored.
 before=$(od -An -tu2 $records/ostra.pgc)
 c=$(submit -n 30 -o HalftoneType=Tattoo -o Resolution=300dpi "$doc")
 poll '[ "$(count $c)" -gt 0 ]'
 cancel -h $sock ostra-$c
-idle
+idle  # cupsd forgets the job at once; the filter still finishes the page in hand
+poll '! cat /proc/[0-9]*/comm 2>/dev/null | grep -q rastertoostra'
 preview || fail "a page record was left half-written"
 [ -z "$(ls -A $records | grep '^\.')" ] || fail "temporary files left: $(ls -A $records)"
 after=$(od -An -tu2 $records/ostra.pgc)

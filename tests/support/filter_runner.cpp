@@ -40,7 +40,7 @@ FilterRun runFilter(const FilterCall& call) {
   argv.insert(argv.end(), call.args.begin(), call.args.end());
   const pid_t pid = fork();
   if (pid == 0) {
-    const int in = open(call.stdinFile ? call.stdinFile->c_str() : "/dev/null", O_RDONLY);
+    const int in = open("/dev/null", O_RDONLY);
     const int out = open((dir + "/stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err = open((dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)

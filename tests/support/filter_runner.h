@@ -4,7 +4,6 @@
 #define OSTRA_TESTS_SUPPORT_FILTER_RUNNER_H
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,7 +18,6 @@ struct FilterRun {
 
 struct FilterCall {
   std::vector<std::string> args;  // argv[1..]; argv[0] is the filter path
-  std::optional<std::string> stdinFile;
   // Shell commands run inside the sandbox just before the filter: they may
   // seed the spool or change the environment (PPD is the shipped PPD and
   // PRINTER "ostra-test" unless they do) or the arguments.

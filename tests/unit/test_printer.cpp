@@ -1,6 +1,6 @@
 // The printer object on hand-worked bytes: what no job option selects (blank-row
-// counts, packing with a skip, contrast, rotation, trims, the frame), a page
-// record, and the barcode touch-ups on hand-made pages.
+// counts, packing with a skip, contrast, rotation, trims, the frame) and the
+// barcode touch-ups on hand-made pages; page records are locked by the golden jobs.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -85,27 +85,6 @@ TEST_F(Printer, WhatNoJobOptionSets) {
     captureLog([&] { n = p.GrayToMono(c.rowBytes, 2, buf.data()); });
     EXPECT_EQ(Bytes(buf.begin(), buf.begin() + n), c.packed) << c.rows;
   }
-}
-
-TEST_F(Printer, PageRecordBytes) {
-  // A 576 x 400 dot label at 203 dpi, page 7. Row 0: three dots at the left;
-  // row 1: all 576; row 2: the last dot only.
-  state.PageNum = 7;
-  settings.pageWidth = static_cast<float>(576 * 25.4 / 203);
-  settings.pageHeight = static_cast<float>(400 * 25.4 / 203);
-  Bytes page(576 * 400, 0);
-  page[0] = page[1] = page[2] = page[3 * 576 - 1] = 255;
-  std::fill(page.begin() + 576, page.begin() + 2 * 576, 255);
-  captureLog([&] { p.printImage(page.data(), 576, 400, 576); });
-  const std::string file = readFile(dir + "/spool/page_0007_jobid_000042_0000.dat");
-  ASSERT_EQ(file.size(), 22u + 74 * 400);  // rows of 72 packed bytes + 2, no margin
-  // LabelGaps; 576 wide; 400 rows -> 50.049 mm -> 399.99998 -> 399; 3 mm gap
-  // -> 23.98 -> 23; page 7; GS v 0, 74 bytes x 400 rows.
-  EXPECT_EQ(file.substr(0, 22),
-            std::string("SIZ\1\x40\2\x8f\1\x17\0\0\0\7\0\x1d\x76\x30\0\x4a\0\x90\1", 22));
-  EXPECT_EQ(file.substr(22, 3) + file.substr(22 + 74, 3) + file.substr(22 + 3 * 74 - 1, 1),
-            std::string("\3\0\xe0\x40\2\xff\1", 7));
-  EXPECT_EQ(state.PageNum, 8);
 }
 
 TEST_F(Printer, AntiWrinkleFrame) {
