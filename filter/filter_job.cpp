@@ -25,9 +25,19 @@ constexpr int kMinArgs = 6;  // program job_id user title copies options
 constexpr int kFileArg = 6;  // optional input file
 constexpr float kMinPaperMm = 1.0f;
 constexpr double kMmPerInch = 25.4;
-// The page buffer size is a 32-bit product; a page whose product would wrap
-// is refused instead of being read into a buffer that is too small.
-constexpr uint64_t kMaxPageBytes = UINT32_MAX;
+// The largest page header accepted, checked before anything is allocated.
+// The widest media the head covers is 8.5 in (MaxMediaWidth 612 pt), 2550
+// dots at 300 dpi, the highest resolution the PPD offers; the longest page is
+// a continuous label. Each limit leaves room to spare, and the height keeps
+// every count of the page record within its 16 bits.
+constexpr uint32_t kMaxPageWidthDots = 4096;    // 13.6 in at 300 dpi
+constexpr uint32_t kMaxPageHeightDots = 32767;  // 2.77 m at 300 dpi
+constexpr uint32_t kMaxResolutionDpi = 1200;    // four times the highest offered
+
+struct HeaderField {
+  const char* name;
+  uint32_t value, low, high;
+};
 
 // Set by SIGTERM, which is how CUPS cancels a job.
 volatile sig_atomic_t sCancelRequested = 0;
@@ -91,6 +101,33 @@ void writePageGeometry(const char* path, const cups_page_header2_t& h) {
   fclose(f);
 }
 
+// A hostile stream may hold any value in an enum field; it is read as the
+// integer it is, never loaded as an enum it may not fit.
+template <typename Enum>
+int enumValue(const Enum& field) {
+  static_assert(sizeof(Enum) == sizeof(int), "CUPS header enums are 32 bits");
+  int value;
+  memcpy(&value, &field, sizeof(value));
+  return value;
+}
+
+// The first field outside what this printer can take; all fit when its name
+// is null.
+HeaderField badHeaderField(const cups_page_header2_t& h) {
+  const HeaderField fields[] = {
+      {"cupsWidth", h.cupsWidth, 1, kMaxPageWidthDots},
+      {"cupsHeight", h.cupsHeight, 1, kMaxPageHeightDots},
+      {"cupsBytesPerLine", h.cupsBytesPerLine, h.cupsWidth, kMaxPageWidthDots},
+      {"HWResolution[0]", h.HWResolution[0], 1, kMaxResolutionDpi},
+      {"HWResolution[1]", h.HWResolution[1], 1, kMaxResolutionDpi},
+  };
+  for (const HeaderField& f : fields) {
+    if (f.value < f.low || f.value > f.high)
+      return f;
+  }
+  return HeaderField{nullptr, 0, 0, 0};
+}
+
 void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[0]:%d\n", static_cast<int>(h.HWResolution[0]));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[1]:%d", static_cast<int>(h.HWResolution[1]));
@@ -100,9 +137,9 @@ void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerColor:%d", static_cast<int>(h.cupsBitsPerColor));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerPixel:%d", static_cast<int>(h.cupsBitsPerPixel));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBytesPerLine:%d", static_cast<int>(h.cupsBytesPerLine));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorOrder:%d", static_cast<int>(h.cupsColorOrder));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorSpace:%d", static_cast<int>(h.cupsColorSpace));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsCompression:%d", static_cast<int>(h.cupsCompression));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorOrder:%d", enumValue(h.cupsColorOrder));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorSpace:%d", enumValue(h.cupsColorSpace));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsCompression:%d", enumValue(h.cupsCompression));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowCount:%d", static_cast<int>(h.cupsRowCount));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowFeed:%d", static_cast<int>(h.cupsRowFeed));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowStep:%d", static_cast<int>(h.cupsRowStep));
@@ -195,14 +232,14 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)
       break;
 
-    const uint64_t pageBytes = static_cast<uint64_t>(header.cupsBytesPerLine) * header.cupsHeight;
-    if (pageBytes > kMaxPageBytes) {
-      kiwaLogCommon(KIWA_LOG_ERROR,
-                    "Page of %u bytes per line by %u lines is too large! At most %u bytes per page",
-                    header.cupsBytesPerLine, header.cupsHeight, UINT32_MAX);
+    const HeaderField bad = badHeaderField(header);
+    if (bad.name != nullptr) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported page header: %s is %u, must be %u to %u", bad.name,
+                    bad.value, bad.low, bad.high);
       return 1;
     }
-    const uint32_t pageSize = static_cast<uint32_t>(pageBytes);
+    // Within the limits the 32-bit product cannot wrap.
+    const uint32_t pageSize = header.cupsBytesPerLine * header.cupsHeight;
 
     writePageGeometry(paths.pageGeometryLog, header);
 

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -80,6 +82,11 @@ const GoldenJob kJobs[] = {
     {"OneBitPageAfterAGoodOne", "", "photo 1bit"},
     {"EmptyStream", "", ""},
     {"PageTooLarge", "", "empty:70000x70000"},
+    // Malformed headers from libcups's own writer: refused before any allocation.
+    {"WidthZero", "", "photo photo:64x10!w=0"},
+    {"BytesPerLineBelowWidth", "", "photo:609x20!bpl=10"},
+    {"ResolutionZero", "", "photo:64x10!xres=0"},
+    {"ColourSpaceAndOrderOutOfRange", "", "photo:64x10!cs=99!co=1234567"},
     {"StandardInput", "", "photo", R"sh(exec <"$6"; set -- "$1" "$2" "$3" "$4" "$5")sh"},
     {"FiveArguments", "", "photo", "set -- 1 u t 1"},
     {"UnopenableFile", "", "photo", "set -- 1 u t 1 '' /no/such.ras"},
@@ -92,6 +99,15 @@ const GoldenJob kJobs[] = {
 };
 // clang-format on
 
+// Header fields a page spec may overwrite with "!name=value", as a hostile
+// stream would hold them.
+const std::pair<std::string, size_t> kFields[] = {
+    {"w", offsetof(cups_page_header2_t, cupsWidth)},
+    {"bpl", offsetof(cups_page_header2_t, cupsBytesPerLine)},
+    {"xres", offsetof(cups_page_header2_t, HWResolution)},
+    {"cs", offsetof(cups_page_header2_t, cupsColorSpace)},
+    {"co", offsetof(cups_page_header2_t, cupsColorOrder)}};
+
 std::vector<TestPage> pagesOf(const std::string& spec) {
   std::vector<TestPage> pages;
   std::istringstream words(spec);
@@ -102,6 +118,15 @@ std::vector<TestPage> pagesOf(const std::string& spec) {
                     : word == "1bit"              ? makePageWithDepth(64, 10, 1)
                     : word.rfind("empty", 0) == 0 ? makeHeaderOnlyPage(w, h)
                                                   : makePhotoPage(w, h, x, y));
+    char name[8];
+    unsigned value = 0;
+    for (size_t at = word.find('!'); at != std::string::npos; at = word.find('!', at + 1)) {
+      sscanf(word.c_str() + at, "!%7[a-z]=%u", name, &value);
+      for (const auto& [field, offset] : kFields)
+        if (field == name)
+          memcpy(reinterpret_cast<char*>(&pages.back().header) + offset, &value, sizeof value);
+      pages.back().pixels.resize(size_t{pages.back().header.cupsBytesPerLine} * h);
+    }
   }
   return pages;
 }
