@@ -1,5 +1,10 @@
 #include "common/kiwa_common.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -80,6 +85,36 @@ char* kiwaStrCpy(char* dst, const char* src, size_t len) {
   strncpy(dst, src ? src : "", len);
   dst[len - 1] = '\0';
   return dst;
+}
+
+FILE* kiwaOpenForWriting(const char* path) {
+  // Non-blocking, so that a FIFO planted under the name cannot hang the job.
+  const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0)
+    return nullptr;
+  struct stat st;
+  const bool ours =
+      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid();
+  FILE* f = nullptr;
+  if (!ours) {
+    errno = EPERM;
+  } else if (ftruncate(fd, 0) == 0 && fcntl(fd, F_SETFL, 0) == 0) {
+    f = fdopen(fd, "w+");
+  }
+  if (f == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return f;
+}
+
+FILE* kiwaOpenForReading(const char* path) {
+  const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  FILE* f = fd < 0 ? nullptr : fdopen(fd, "r");
+  if (f == nullptr && fd >= 0)
+    close(fd);
+  return f;
 }
 
 void KiwaFree::operator()(void* p) const {

@@ -92,7 +92,7 @@ class InputFd {
 };
 
 void writePageGeometry(const char* path, const cups_page_header2_t& h) {
-  FILE* f = fopen(path, "w+");
+  FILE* f = kiwaOpenForWriting(path);
   if (f == nullptr)
     return;
   fprintf(f, "cupsWidth:%d, cupsHeight:%d, cupsBytesPerLine:%d, cupsBitsPerPixel:%d\n",

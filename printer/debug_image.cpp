@@ -34,7 +34,7 @@ void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLin
            static_cast<long>(state_.page_index));
   ++state_.page_index;
 
-  FILE* file = fopen(name, "wb+");
+  FILE* file = kiwaOpenForWriting(name);
   if (file == nullptr) {
     fprintf(stderr, "KiwaPrinter::saveImage: unable to open the file %s\n", name);
     return;

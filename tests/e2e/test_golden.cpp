@@ -41,6 +41,11 @@ printf '\047\043' > /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
 const char kOddChoices[] =
     R"sh(sed 's/^\*Default\(NegativeImage\|MirrorImage\): False/*Default\1: 2\n*\1 2\/Two: ""/' \
   "$PPD" > /var/spool/odd.ppd && export PPD=/var/spool/odd.ppd)sh";
+// Links planted at the fixed names: the target keeps its bytes, the counter
+// file is replaced by a real one and pages number from 1.
+const char kPlantedLinks[] = R"sh(mkdir -p /var/spool/cups/tmp/otv6data
+printf '\047\043' > /var/spool/cups/tmp/target; ln -s /var/spool/cups/tmp/target /tmp/xxxxx.log
+ln -s ../target /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
 const char kNameAndId[] = R"sh(export PRINTER="$(printf 'Room\t2')"; shift; set -- 1234567 "$@")sh";
 
 // clang-format off
@@ -95,6 +100,8 @@ const GoldenJob kJobs[] = {
     // starts after a lost record, and no temporary file stays behind.
     {"PageDirectoryIsAFile", "", "photo photo", "touch /var/spool/cups/tmp/otv6data"},
     {"CounterPathIsADirectory", "", "photo", "mkdir -p /var/spool/cups/tmp/otv6data/ostra-test.pgc"},
+    {"PrinterNameLeavingTheSpool", "", "photo", "export PRINTER=../../../../tmp/escaped"},
+    {"FixedNamesNotFollowed", "", "photo", kPlantedLinks},
     {"UnreadablePpd", "", "photo", "printf '*PPD-Adobe: 4\\n\\001' >/var/spool/p; PPD=/var/spool/p"},
 };
 // clang-format on
