@@ -8,7 +8,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <memory>
 
 const char* const sHalftoneTypeStrTable[kHalftoneTypeCount] = {
     "None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki", "JarvisJudiceNinke",
@@ -35,23 +35,33 @@ void kiwaLogCommon(int level, const char* format, ...) {
   if (level < 0 || level >= kLogLevelCount)
     level = KIWA_LOG_INVALID;
   // Every filter of a job shares cupsd's status pipe, so the whole line goes
-  // out in one write or it may be spliced into another filter's line.
-  std::string line = kLogLevelWords[level];
+  // out in one write or it may be spliced into another filter's line. Lines
+  // are built on the stack, so logging still works when memory has run out.
+  char stackLine[1024];
+  const size_t wordLength = strlen(kLogLevelWords[level]);
+  memcpy(stackLine, kLogLevelWords[level], wordLength);
   va_list args;
   va_start(args, format);
-  va_list sizing;
-  va_copy(sizing, args);
-  const int length = vsnprintf(nullptr, 0, format, sizing);
-  va_end(sizing);
-  if (length > 0) {
-    const size_t start = line.size();
-    line.resize(start + static_cast<size_t>(length) + 1);
-    vsnprintf(&line[start], static_cast<size_t>(length) + 1, format, args);
-    line.resize(start + static_cast<size_t>(length));
-  }
+  va_list again;
+  va_copy(again, args);
+  const int length =
+      vsnprintf(stackLine + wordLength, sizeof(stackLine) - wordLength, format, args);
   va_end(args);
-  line += '\n';
-  fwrite(line.data(), line.size(), 1, out);
+  const size_t total = wordLength + (length > 0 ? static_cast<size_t>(length) : 0) + 1;
+  std::unique_ptr<char, KiwaFree> heapLine;
+  char* line = stackLine;
+  if (total > sizeof(stackLine)) {
+    heapLine.reset(static_cast<char*>(malloc(total)));
+    if (heapLine) {
+      line = heapLine.get();
+      memcpy(line, kLogLevelWords[level], wordLength);
+      vsnprintf(line + wordLength, total - wordLength, format, again);
+    }
+  }
+  va_end(again);
+  const size_t used = line == stackLine && total > sizeof(stackLine) ? sizeof(stackLine) : total;
+  line[used - 1] = '\n';
+  fwrite(line, used, 1, out);
   fflush(out);
 }
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include <cups/raster.h>
 
@@ -221,6 +222,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   // The counter as the last finished page left it; a page cut short by a
   // cancel must not take back the number an earlier page of the job used.
   bool pageFinished = false;
+  bool pageLost = false;
   uint16_t counterAfterPage = 0;
   cups_page_header2_t header;
   while (sCancelRequested == 0 && cupsRasterReadHeader2(raster.get(), &header)) {
@@ -244,8 +246,10 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     writePageGeometry(paths.pageGeometryLog, header);
 
     void* grown = realloc(page.get(), pageSize);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "No memory for a page of %u bytes", pageSize);
       return 1;
+    }
     page.release();
     page.reset(static_cast<unsigned char*>(grown));
     memset(page.get(), 0, pageSize);
@@ -275,11 +279,20 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
 
     // A page whose pixels cannot be read is skipped without a message.
     if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
-      printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+      try {
+        printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight,
+                            header.cupsWidth);
+      } catch (const std::bad_alloc&) {
+        kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process page %d, the page is not printed",
+                      pageCount);
+        pageLost = true;
+      }
       pageFinished = true;
       counterAfterPage = printerState.PageNum;
     }
-    if (printer->outputFailed())
+    // Memory or disk ran out: no further page starts, and the job fails.
+    pageLost = pageLost || printer->pageFailure() != nullptr || printer->outputFailed();
+    if (pageLost)
       break;
   }
   if (sCancelRequested != 0) {
@@ -290,6 +303,6 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
 
   jobEnd(printer.get(), &settings);
   printer->flushOutput();
-  // A lost page record would otherwise pass for a printed page.
-  return printer->outputFailed() ? 1 : 0;
+  // A lost page would otherwise pass for a printed one.
+  return pageLost || printer->outputFailed() ? 1 : 0;
 }

@@ -25,6 +25,8 @@ void put32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
 
 void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine,
                             unsigned long height, unsigned long width, unsigned short bpp) {
+  if (data == nullptr)
+    return;
   const time_t now = time(nullptr);
   struct tm local;
   localtime_r(&now, &local);

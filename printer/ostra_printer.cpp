@@ -213,8 +213,12 @@ void OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits) {
   // Zeroed, so the margin bytes of every row record are 0.
   std::unique_ptr<unsigned char, KiwaFree> records(
       static_cast<unsigned char*>(calloc(1, static_cast<size_t>(need))));
-  if (!records)
+  if (!records) {
+    pageFailure_ = "page record allocation";
+    kiwaLogCommon(KIWA_LOG_ERROR, "OTCSendImage: no memory for %ld bytes, the page is not printed",
+                  need);
     return;
+  }
   CalcBlackPoints(bits, size, extent, records.get(), need);
   OutputImage(need, static_cast<int>(extent.cy), records.get());
 }
@@ -259,8 +263,12 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
 
   const size_t total = static_cast<size_t>(size) + kRecordHeaderSize;
   std::unique_ptr<unsigned char, KiwaFree> page(static_cast<unsigned char*>(malloc(total)));
-  if (!page)
+  if (!page) {
+    pageFailure_ = "page record allocation";
+    kiwaLogCommon(KIWA_LOG_ERROR, "OutputImage: no memory for %zu bytes, the page is not printed",
+                  total);
     return;
+  }
   memcpy(page.get(), state_.bLabelInfo, sizeof(state_.bLabelInfo));
   memcpy(page.get() + sizeof(state_.bLabelInfo), rasterHeader, sizeof(rasterHeader));
   memcpy(page.get() + kRecordHeaderSize, records, static_cast<size_t>(size));
