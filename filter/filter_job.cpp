@@ -153,6 +153,10 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float 
   settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
   settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
   settings->MaxMediaWidth = static_cast<float>(maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
+  // A PPD claiming media wider than any page would centre each row in a
+  // margin of gigabytes.
+  if (settings->MaxMediaWidth > static_cast<float>(kMaxPageWidthDots))
+    settings->MaxMediaWidth = static_cast<float>(kMaxPageWidthDots);
   // strncpy semantics: an id of 20 characters or more fills the field with no
   // terminator.
   const size_t idLen = strnlen(jobId, sizeof(settings->JobId));

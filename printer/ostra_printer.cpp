@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -24,10 +25,12 @@ void putLe16(uint8_t* at, unsigned value) {
   at[1] = static_cast<uint8_t>((value >> 8) & 0xFF);
 }
 
-// Empty for a printer name that would lead out of the page directory: such a
-// printer keeps no counter file.
+// Empty for a printer name that cannot name a file in the page directory
+// (one that would lead out of it, or is too long): such a printer keeps no
+// counter file.
 std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
-  if (strchr(settings.PrinterName, '/') != nullptr)
+  if (strchr(settings.PrinterName, '/') != nullptr ||
+      strlen(settings.PrinterName) + sizeof(".pgc") - 1 > NAME_MAX)
     return std::string();
   return printer.paths().spoolDir + "/" + settings.PrinterName + ".pgc";
 }
