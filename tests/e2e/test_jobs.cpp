@@ -1,9 +1,11 @@
 // Whole paths through real tools: documents rasterised by CUPS's own chain
 // with the shipped PPD, printed by the built filter and read back from its
-// page records, which ostra-preview must accept too.
+// page records, which ostra-preview must accept too. (The sample PDF goes
+// through a real cupsd in cupsd_job.sh.)
 #include <cups/raster.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <fstream>
@@ -42,39 +44,6 @@ std::vector<PageRecord> print(const std::string& raster, const std::string& opti
       return pages;
     pages.emplace_back();
     EXPECT_TRUE(decodePageRecord({file.begin(), file.end()}, &pages.back(), &error)) << error;
-  }
-}
-
-// Share of dots in a rectangle of a 4 x 6 in label, in points from the bottom
-// left; the record's left margin centres the 812 dots on the media.
-double inkShare(const PageRecord& page, double x0, double y0, double x1, double y1) {
-  const double dotsPerPoint = 203.0 / 72.0;
-  size_t dots = 0, all = 0;
-  for (int y = int((432 - y1) * dotsPerPoint); y < (432 - y0) * dotsPerPoint; ++y)
-    for (int x = int(x0 * dotsPerPoint); x < x1 * dotsPerPoint; ++x, ++all)
-      dots += page.dots[y * page.width + page.width - 816 + x];
-  return static_cast<double>(dots) / all;
-}
-
-// The bundled sample's first page as CUPS rasterises it: a solid header bar,
-// blank paper beside the address, and gray steps from lightest to darkest
-// that print as paper and as solid ink under every name.
-TEST(RealDocuments, SamplePdfUnderEveryHalftoneName) {
-  const std::string raster = rasterise(OSTRA_SOURCE_DIR "/samples/sample.pdf");
-  const std::string names[] = {"None",   "FloydSteinberg", "Ordered",           "Burkes",
-                               "Stucki", "Sierra",         "JarvisJudiceNinke", "StevensonArce",
-                               "Tattoo", "Tattoo_Q7"};
-  for (const std::string& name : names) {
-    const std::vector<PageRecord> pages = print(raster, "HalftoneType=" + name);
-    ASSERT_EQ(pages.size(), 2u) << name;
-    const PageRecord& page = pages[0];
-    EXPECT_EQ(page.labelWidth, 811) << name;  // 812 dots through millimetres, truncated
-    // Header bar, blank paper, lightest and darkest step.
-    EXPECT_EQ(
-        std::vector<double>({inkShare(page, 20, 373, 260, 386), inkShare(page, 215, 290, 270, 360),
-                             inkShare(page, 27, 45, 45, 95), inkShare(page, 243, 45, 261, 95)}),
-        std::vector<double>({1, 0, 0, 1}))
-        << name;
   }
 }
 
@@ -127,7 +96,12 @@ TEST(RealDocuments, LineStaysUprightOnEverySize) {
       for (auto row = pages[0].dots.begin(); row != pages[0].dots.end(); row += pages[0].width)
         rows.emplace(row, row + pages[0].width);
       rows.erase(std::vector<uint8_t>(pages[0].width));  // blank paper
-      EXPECT_EQ(rows.size(), 1u) << options;
+      ASSERT_EQ(rows.size(), 1u) << options;
+      // Ink only on the 2 pt line, 101 pt in; the page's rows end the record's.
+      const double centre = pages[0].width - (width + 7) / 8 * 8 + 101 * std::stod(dpi) / 72;
+      for (size_t x = 0; x < pages[0].width; ++x)
+        EXPECT_TRUE(!rows.begin()->at(x) || std::abs(x - centre) < std::stod(dpi) / 36)
+            << options << " at " << x;
     }
 }
 

@@ -1,5 +1,5 @@
-// Logging, paths and copies; the typed PPD look-ups and the settings read from
-// a PPD, on a small PPD of odd choices.
+// The typed PPD look-ups and the settings read from a PPD, on a small PPD of
+// odd choices.
 #include <cups/cups.h>
 #include <gtest/gtest.h>
 
@@ -35,16 +35,6 @@ const char kOddPpd[] = R"(*PPD-Adobe: "4.3"
 *Lost A: ""
 *CloseUI: *Lost
 )";
-
-TEST(KiwaCommon, PathsAndCopies) {
-  EXPECT_STREQ(kiwaPathGetBasename("C:\\x/y\\z"), "z");  // after the later separator
-  EXPECT_STREQ(kiwaPathGetBasename("dir/"), "");
-  char dst[41];
-  kiwaStrCpy(dst, std::string(60, 'a').c_str(), sizeof dst);  // 40 survive
-  EXPECT_EQ(std::string(dst), std::string(40, 'a'));
-  kiwaStrCpy(dst, "ab", sizeof dst);  // the rest is zero
-  EXPECT_EQ(std::string(dst, dst + 41), std::string("ab") + std::string(39, '\0'));
-}
 
 TEST(KiwaPpd, ChoicesAndAttributesFallBackToDefaults) {
   const std::string path = testWorkDir() + "/odd.ppd";
