@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential g++ cmake ninja-build pkg-config clang-format systemd
+  build-essential g++ cmake ninja-build pkg-config clang-format clang-tidy-14 cppcheck systemd
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
   ghostscript poppler-utils util-linux barcode strace

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds the project twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both;
-# first it proves the filter builds without the optional libraries.
+# first it proves the filter builds without the optional libraries, last it
+# runs the static analysers (scripts/analyze.sh).
 # The end-to-end tests need root: they run the filter in a private mount
 # namespace (unshare -m) so the real /tmp and spool directories are untouched.
 set -euo pipefail
@@ -24,3 +25,6 @@ for variant in plain sanitize; do
   echo "== $variant tests"
   ctest --test-dir "$dir" --output-on-failure --parallel "$(nproc)"
 done
+
+echo "== static analysis"
+bash scripts/analyze.sh
