@@ -60,7 +60,7 @@ std::string writeTemporary(const std::string& path, const uint8_t* data, size_t 
   // Short whatever the final name, which may be near the longest allowed.
   const std::string hidden = directoryOf(path) + ".rastertoostra-" + std::to_string(getpid());
   for (int n = 0; n < kMaxTemporaryTries; ++n) {
-    const std::string temp = hidden + "-" + std::to_string(n);
+    std::string temp = hidden + "-" + std::to_string(n);
     const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0 && errno == EEXIST)
       continue;
