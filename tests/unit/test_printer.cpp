@@ -1,6 +1,6 @@
-// The printer object on hand-worked bytes: what no job option selects (blank-row
-// counts, packing with a skip, contrast, rotation, trims, the frame) and the
-// barcode touch-ups on hand-made pages; page records are locked by the golden jobs.
+// The printer object where the golden jobs cannot reach: a page short of
+// memory at each allocation, and the barcode touch-ups on hand-made pages.
+// (Rotation, contrast, trims, skips and the frame are set by no front end.)
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -38,15 +38,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Pixel rows as text: '.' is 0, any other character 255; blanks ignored.
-Bytes px(const char* text) {
-  Bytes b;
-  for (; *text; ++text)
-    if (*text != ' ')
-      b.push_back(*text == '.' ? 0 : 255);
-  return b;
-}
-
 class Printer : public testing::Test {
  protected:
   Printer() : dir(testWorkDir()), p(state, PrinterPaths{dir + "/spool", dir}) {
@@ -65,50 +56,6 @@ class Printer : public testing::Test {
   cups_page_header2_t header{};
   OstraPrinter p;
 };
-
-TEST_F(Printer, WhatNoJobOptionSets) {
-  const auto process = [&](const Bytes& page, int w, int h) {
-    Bytes out(2 * page.size());
-    log = captureLog(
-        [&] { p.PageProcess(DITHER_NONE, page.data(), w, w, h, out.data(), out.size()); });
-    return Bytes(out.begin(), out.begin() + page.size());
-  };
-  p.setRotate180Print(true);
-  EXPECT_EQ(process(px("##.. ...#"), 4, 2), px("#... ..##"));
-  p.setMirrorPrint(true);  // rotated first, then mirrored
-  EXPECT_EQ(process(px("##.. ...#"), 4, 2), px("...# ##.."));
-  EXPECT_LT(log.find("Rotated the image 180 degrees"), log.find("Mirrored the image"));
-  p.setRotate180Print(false);
-  p.setMirrorPrint(false);
-  p.setContrast(-25);  // Light(0, -50): 129 becomes 1 * 0.5 + 128.5 = 129, still white
-  EXPECT_EQ(process(Bytes(4, 129), 4, 1), Bytes(4, 255));
-  // Ink only in row 2 of 4: the front count tests rows from 1 and finds it at
-  // 1, the back count returns 3, one past it. The trim is worked out and
-  // logged; the whole page prints.
-  p.setContrast(0);
-  p.setRemoveBlankEdges(10);
-  log = captureLog([&] { p.printImage(px(".... .... .#.. ....").data(), 4, 4, 4); });
-  EXPECT_NE(log.find("Adjusted image height to 2, pointer offset by 4 bytes\n"), std::string::npos);
-  EXPECT_EQ(readFile(dir + "/spool/page_0001_jobid_000042_0000.dat").substr(20, 2),
-            std::string("\4\0", 2));
-  // Packing leaves out the skipped right-hand bytes (a skip of the whole row
-  // counts for nothing); the leftmost pixel is the top bit.
-  const struct {
-    unsigned long skip;
-    int rowBytes;
-    const char* rows;  // two
-    Bytes packed;
-  } packs[] = {{0, 10, "#.......## .........#", {0x80, 0xC0, 0x00, 0x40}},  // pixels 8, 9: byte 2
-               {3, 16, "################ ............####", {0xFF, 0xF8, 0x00, 0x08}},
-               {16, 16, "################ ...............#", {0xFF, 0xFF, 0x00, 0x01}}};
-  for (const auto& c : packs) {
-    p.setSkipRightPixels(c.skip);
-    Bytes buf = px(c.rows);
-    int n = 0;
-    captureLog([&] { n = p.GrayToMono(c.rowBytes, 2, buf.data()); });
-    EXPECT_EQ(Bytes(buf.begin(), buf.begin() + n), c.packed) << c.rows;
-  }
-}
 
 // Each page-sized allocation of one page fails in turn: the page prints as it
 // would have, or not at all with an ERROR line; never half done, never a crash.
@@ -145,43 +92,6 @@ TEST_F(Printer, NoMemoryNeverPrintsHalfAPage) {
     EXPECT_GE(failAt, 5) << method;  // the allocator did count
   }
 #endif
-}
-
-TEST_F(Printer, AntiWrinkleFrame) {
-  // 300 dpi: bars 12 high, side bars 12, 24, 35, 47, 59 wide by level. A6 is
-  // 1181 x 1394 before the bars: a 1000 x 1300 page grows by (1205 - 1000) / 2
-  // = 102 and (1418 - 1300) / 2 = 59 to 1204 x 1418, the frame at (0, 0). A
-  // 2500 x 3300 page around the A4 frame of 2410 x 3272 at level 2: at (45, 14).
-  const struct {
-    const char* name;
-    int level, w, h, grownW, canvasW, canvasH;
-    std::vector<int> probes;  // x, y, expected index: the page is 7, margins 0
-  } cases[] = {
-      // clang-format off
-      {"Tattoo_A6", 1, 1000, 1300, 1204, 1205, 1418,
-       {11, 700, 255, 12, 700, 0, 600, 11, 255, 600, 12, 0, 1193, 700, 255, 600, 1406, 255, 102, 59, 7}},
-      {"A4", 2, 2500, 3300, 2500, 2410, 3272, {44, 14, 7, 45, 14, 255, 68, 3285, 255, 1000, 26, 7}},
-      {"Letter", 5, 10, 8, 2598, 2598, 3059, {58, 1500, 255, 59, 1500, 0}},
-      {"Tattoo_A5", 3, 2432, 1418, 2432, 2432, 1418, {34, 0, 255, 35, 500, 7}},
-      {"a4", 1, 10, 8, 10, 0, 0, {0, 0, 7, 5, 4, 7}},  // names are case-sensitive: no frame
-      // clang-format on
-  };
-  for (const auto& c : cases) {
-    CxImage im;
-    im.Create(c.w, c.h, 8, 0);
-    memset(im.GetBits(0), 7, im.GetEffWidth() * c.h);
-    snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.name);
-    p.setAntiWrinkle(c.level);
-    log = captureLog([&] { p.EnableAntiWrink(im); });
-    char canvas[128];
-    snprintf(canvas, sizeof canvas, "Page size is %s, CanvasWidth: %d, CanvasHeight: %d\n", c.name,
-             c.canvasW, c.canvasH);
-    EXPECT_EQ(log.find(canvas) != std::string::npos, c.canvasW != 0) << log;
-    EXPECT_EQ(im.GetWidth(), uint32_t(c.grownW)) << c.name;
-    for (size_t i = 0; i + 2 < c.probes.size(); i += 3)
-      EXPECT_EQ(im.GetPixelIndex(c.probes[i], c.probes[i + 1]), c.probes[i + 2])
-          << c.name << " at " << c.probes[i] << "," << c.probes[i + 1];
-  }
 }
 
 // An 8-bit page, rows (width + 3) / 4 * 4 bytes apart; the padding holds a
