@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds the project twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both;
-# first it proves the filter builds without the optional libraries.
+# first it proves the filter builds without the optional libraries, last it
+# fuzzes the whole job for a minute.
 # The end-to-end tests need root: they run the filter in a private mount
 # namespace (unshare -m) so the real /tmp and spool directories are untouched.
 set -euo pipefail
@@ -24,3 +25,14 @@ for variant in plain sanitize; do
   echo "== $variant tests"
   ctest --test-dir "$dir" --output-on-failure --parallel "$(nproc)"
 done
+
+# A minute of libFuzzer on the whole job; any crash, sanitizer report, leak or
+# timeout fails the run and leaves the input in build-fuzz/.
+echo "== fuzzing the job for a minute (clang, libFuzzer)"
+CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DOSTRA_FUZZ=ON >/dev/null
+cmake --build build-fuzz --target ostra_fuzz_job --parallel "$(nproc)" >&2
+corpus=$(mktemp -d)
+build-fuzz/tests/fuzz/ostra_fuzz_job -max_total_time=60 -timeout=20 -malloc_limit_mb=8192 \
+  -close_fd_mask=2 -dict=tests/fuzz/raster.dict -artifact_prefix=build-fuzz/ \
+  "$corpus" tests/fuzz/corpus
+rm -rf "$corpus"
