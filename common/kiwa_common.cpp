@@ -1,9 +1,14 @@
 #include "common/kiwa_common.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <memory>
 
 const char* const sHalftoneTypeStrTable[kHalftoneTypeCount] = {
     "None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki", "JarvisJudiceNinke",
@@ -30,23 +35,33 @@ void kiwaLogCommon(int level, const char* format, ...) {
   if (level < 0 || level >= kLogLevelCount)
     level = KIWA_LOG_INVALID;
   // Every filter of a job shares cupsd's status pipe, so the whole line goes
-  // out in one write or it may be spliced into another filter's line.
-  std::string line = kLogLevelWords[level];
+  // out in one write or it may be spliced into another filter's line. Lines
+  // are built on the stack, so logging still works when memory has run out.
+  char stackLine[1024];
+  const size_t wordLength = strlen(kLogLevelWords[level]);
+  memcpy(stackLine, kLogLevelWords[level], wordLength);
   va_list args;
   va_start(args, format);
-  va_list sizing;
-  va_copy(sizing, args);
-  const int length = vsnprintf(nullptr, 0, format, sizing);
-  va_end(sizing);
-  if (length > 0) {
-    const size_t start = line.size();
-    line.resize(start + static_cast<size_t>(length) + 1);
-    vsnprintf(&line[start], static_cast<size_t>(length) + 1, format, args);
-    line.resize(start + static_cast<size_t>(length));
-  }
+  va_list again;
+  va_copy(again, args);
+  const int length =
+      vsnprintf(stackLine + wordLength, sizeof(stackLine) - wordLength, format, args);
   va_end(args);
-  line += '\n';
-  fwrite(line.data(), line.size(), 1, out);
+  const size_t total = wordLength + (length > 0 ? static_cast<size_t>(length) : 0) + 1;
+  std::unique_ptr<char, KiwaFree> heapLine;
+  char* line = stackLine;
+  if (total > sizeof(stackLine)) {
+    heapLine.reset(static_cast<char*>(malloc(total)));
+    if (heapLine) {
+      line = heapLine.get();
+      memcpy(line, kLogLevelWords[level], wordLength);
+      vsnprintf(line + wordLength, total - wordLength, format, again);
+    }
+  }
+  va_end(again);
+  const size_t used = line == stackLine && total > sizeof(stackLine) ? sizeof(stackLine) : total;
+  line[used - 1] = '\n';
+  fwrite(line, used, 1, out);
   fflush(out);
 }
 
@@ -80,6 +95,36 @@ char* kiwaStrCpy(char* dst, const char* src, size_t len) {
   strncpy(dst, src ? src : "", len);
   dst[len - 1] = '\0';
   return dst;
+}
+
+FILE* kiwaOpenForWriting(const char* path) {
+  // Non-blocking, so that a FIFO planted under the name cannot hang the job.
+  const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0)
+    return nullptr;
+  struct stat st;
+  const bool ours =
+      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid();
+  FILE* f = nullptr;
+  if (!ours) {
+    errno = EPERM;
+  } else if (ftruncate(fd, 0) == 0 && fcntl(fd, F_SETFL, 0) == 0) {
+    f = fdopen(fd, "w+");
+  }
+  if (f == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return f;
+}
+
+FILE* kiwaOpenForReading(const char* path) {
+  const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  FILE* f = fd < 0 ? nullptr : fdopen(fd, "r");
+  if (f == nullptr && fd >= 0)
+    close(fd);
+  return f;
 }
 
 void KiwaFree::operator()(void* p) const {

@@ -54,6 +54,14 @@ const char* kiwaPathGetBasename(const char* path);
 // rest of the len bytes is zero. A null src copies as the empty string.
 char* kiwaStrCpy(char* dst, const char* src, size_t len);
 
+// Opens `path` to be written from its start, as fopen's "w+" does, unless it is
+// a symbolic link or an existing file that is not a regular file of this user
+// with a single name: a fixed name in a shared directory must not let another
+// user redirect what is written. Null with errno set when refused.
+FILE* kiwaOpenForWriting(const char* path);
+// Opens `path` for reading unless it is a symbolic link.
+FILE* kiwaOpenForReading(const char* path);
+
 // Releases memory from malloc, calloc or realloc; for std::unique_ptr.
 struct KiwaFree {
   void operator()(void* p) const;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include <cups/raster.h>
 
@@ -25,9 +26,19 @@ constexpr int kMinArgs = 6;  // program job_id user title copies options
 constexpr int kFileArg = 6;  // optional input file
 constexpr float kMinPaperMm = 1.0f;
 constexpr double kMmPerInch = 25.4;
-// The page buffer size is a 32-bit product; a page whose product would wrap
-// is refused instead of being read into a buffer that is too small.
-constexpr uint64_t kMaxPageBytes = UINT32_MAX;
+// The largest page header accepted, checked before anything is allocated.
+// The widest media the head covers is 8.5 in (MaxMediaWidth 612 pt), 2550
+// dots at 300 dpi, the highest resolution the PPD offers; the longest page is
+// a continuous label. Each limit leaves room to spare, and the height keeps
+// every count of the page record within its 16 bits.
+constexpr uint32_t kMaxPageWidthDots = 4096;    // 13.6 in at 300 dpi
+constexpr uint32_t kMaxPageHeightDots = 32767;  // 2.77 m at 300 dpi
+constexpr uint32_t kMaxResolutionDpi = 1200;    // four times the highest offered
+
+struct HeaderField {
+  const char* name;
+  uint32_t value, low, high;
+};
 
 // Set by SIGTERM, which is how CUPS cancels a job.
 volatile sig_atomic_t sCancelRequested = 0;
@@ -82,13 +93,40 @@ class InputFd {
 };
 
 void writePageGeometry(const char* path, const cups_page_header2_t& h) {
-  FILE* f = fopen(path, "w+");
+  FILE* f = kiwaOpenForWriting(path);
   if (f == nullptr)
     return;
   fprintf(f, "cupsWidth:%d, cupsHeight:%d, cupsBytesPerLine:%d, cupsBitsPerPixel:%d\n",
           static_cast<int>(h.cupsWidth), static_cast<int>(h.cupsHeight),
           static_cast<int>(h.cupsBytesPerLine), static_cast<int>(h.cupsBitsPerPixel));
   fclose(f);
+}
+
+// A hostile stream may hold any value in an enum field; it is read as the
+// integer it is, never loaded as an enum it may not fit.
+template <typename Enum>
+int enumValue(const Enum& field) {
+  static_assert(sizeof(Enum) == sizeof(int), "CUPS header enums are 32 bits");
+  int value;
+  memcpy(&value, &field, sizeof(value));
+  return value;
+}
+
+// The first field outside what this printer can take; all fit when its name
+// is null.
+HeaderField badHeaderField(const cups_page_header2_t& h) {
+  const HeaderField fields[] = {
+      {"cupsWidth", h.cupsWidth, 1, kMaxPageWidthDots},
+      {"cupsHeight", h.cupsHeight, 1, kMaxPageHeightDots},
+      {"cupsBytesPerLine", h.cupsBytesPerLine, h.cupsWidth, kMaxPageWidthDots},
+      {"HWResolution[0]", h.HWResolution[0], 1, kMaxResolutionDpi},
+      {"HWResolution[1]", h.HWResolution[1], 1, kMaxResolutionDpi},
+  };
+  for (const HeaderField& f : fields) {
+    if (f.value < f.low || f.value > f.high)
+      return f;
+  }
+  return HeaderField{nullptr, 0, 0, 0};
 }
 
 void logPageHeader(const cups_page_header2_t& h) {
@@ -100,9 +138,9 @@ void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerColor:%d", static_cast<int>(h.cupsBitsPerColor));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBitsPerPixel:%d", static_cast<int>(h.cupsBitsPerPixel));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsBytesPerLine:%d", static_cast<int>(h.cupsBytesPerLine));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorOrder:%d", static_cast<int>(h.cupsColorOrder));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorSpace:%d", static_cast<int>(h.cupsColorSpace));
-  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsCompression:%d", static_cast<int>(h.cupsCompression));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorOrder:%d", enumValue(h.cupsColorOrder));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsColorSpace:%d", enumValue(h.cupsColorSpace));
+  kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsCompression:%d", enumValue(h.cupsCompression));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowCount:%d", static_cast<int>(h.cupsRowCount));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowFeed:%d", static_cast<int>(h.cupsRowFeed));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowStep:%d", static_cast<int>(h.cupsRowStep));
@@ -115,6 +153,10 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float 
   settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
   settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
   settings->MaxMediaWidth = static_cast<float>(maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
+  // A PPD claiming media wider than any page would centre each row in a
+  // margin of gigabytes.
+  if (settings->MaxMediaWidth > static_cast<float>(kMaxPageWidthDots))
+    settings->MaxMediaWidth = static_cast<float>(kMaxPageWidthDots);
   // strncpy semantics: an id of 20 characters or more fills the field with no
   // terminator.
   const size_t idLen = strnlen(jobId, sizeof(settings->JobId));
@@ -184,6 +226,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   // The counter as the last finished page left it; a page cut short by a
   // cancel must not take back the number an earlier page of the job used.
   bool pageFinished = false;
+  bool pageLost = false;
   uint16_t counterAfterPage = 0;
   cups_page_header2_t header;
   while (sCancelRequested == 0 && cupsRasterReadHeader2(raster.get(), &header)) {
@@ -195,20 +238,22 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)
       break;
 
-    const uint64_t pageBytes = static_cast<uint64_t>(header.cupsBytesPerLine) * header.cupsHeight;
-    if (pageBytes > kMaxPageBytes) {
-      kiwaLogCommon(KIWA_LOG_ERROR,
-                    "Page of %u bytes per line by %u lines is too large! At most %u bytes per page",
-                    header.cupsBytesPerLine, header.cupsHeight, UINT32_MAX);
+    const HeaderField bad = badHeaderField(header);
+    if (bad.name != nullptr) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported page header: %s is %u, must be %u to %u", bad.name,
+                    bad.value, bad.low, bad.high);
       return 1;
     }
-    const uint32_t pageSize = static_cast<uint32_t>(pageBytes);
+    // Within the limits the 32-bit product cannot wrap.
+    const uint32_t pageSize = header.cupsBytesPerLine * header.cupsHeight;
 
     writePageGeometry(paths.pageGeometryLog, header);
 
     void* grown = realloc(page.get(), pageSize);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "No memory for a page of %u bytes", pageSize);
       return 1;
+    }
     page.release();
     page.reset(static_cast<unsigned char*>(grown));
     memset(page.get(), 0, pageSize);
@@ -238,11 +283,20 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
 
     // A page whose pixels cannot be read is skipped without a message.
     if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
-      printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+      try {
+        printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight,
+                            header.cupsWidth);
+      } catch (const std::bad_alloc&) {
+        kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process page %d, the page is not printed",
+                      pageCount);
+        pageLost = true;
+      }
       pageFinished = true;
       counterAfterPage = printerState.PageNum;
     }
-    if (printer->outputFailed())
+    // Memory or disk ran out: no further page starts, and the job fails.
+    pageLost = pageLost || printer->pageFailure() != nullptr || printer->outputFailed();
+    if (pageLost)
       break;
   }
   if (sCancelRequested != 0) {
@@ -253,6 +307,6 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
 
   jobEnd(printer.get(), &settings);
   printer->flushOutput();
-  // A lost page record would otherwise pass for a printed page.
-  return printer->outputFailed() ? 1 : 0;
+  // A lost page would otherwise pass for a printed one.
+  return pageLost || printer->outputFailed() ? 1 : 0;
 }

@@ -25,6 +25,8 @@ void put32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
 
 void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine,
                             unsigned long height, unsigned long width, unsigned short bpp) {
+  if (data == nullptr)
+    return;
   const time_t now = time(nullptr);
   struct tm local;
   localtime_r(&now, &local);
@@ -34,7 +36,7 @@ void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLin
            static_cast<long>(state_.page_index));
   ++state_.page_index;
 
-  FILE* file = fopen(name, "wb+");
+  FILE* file = kiwaOpenForWriting(name);
   if (file == nullptr) {
     fprintf(stderr, "KiwaPrinter::saveImage: unable to open the file %s\n", name);
     return;

@@ -122,6 +122,9 @@ class KiwaPrinter {
   void EnableAntiWrink(CxImage& image);
 
   const CxImage* processedImage() const { return pimage; }
+  // The step that kept the last page from printing (no memory, most likely),
+  // or null when it printed.
+  const char* pageFailure() const { return pageFailure_; }
   const PrinterPaths& paths() const { return paths_; }
   PrinterState& state() { return state_; }
 
@@ -157,6 +160,7 @@ class KiwaPrinter {
   PrinterState& state_;
   PrinterPaths paths_;
   std::vector<std::string> pageImages_;  // debug images of the page in progress
+  const char* pageFailure_ = nullptr;
 
  private:
   void setImageFileName(const char* prefix);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -24,7 +25,13 @@ void putLe16(uint8_t* at, unsigned value) {
   at[1] = static_cast<uint8_t>((value >> 8) & 0xFF);
 }
 
+// Empty for a printer name that cannot name a file in the page directory
+// (one that would lead out of it, or is too long): such a printer keeps no
+// counter file.
 std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
+  if (strchr(settings.PrinterName, '/') != nullptr ||
+      strlen(settings.PrinterName) + sizeof(".pgc") - 1 > NAME_MAX)
+    return std::string();
   return printer.paths().spoolDir + "/" + settings.PrinterName + ".pgc";
 }
 
@@ -50,8 +57,8 @@ bool writeAll(int fd, const uint8_t* data, size_t size) {
 // directory never sees a file half-written under a name it looks for. Returns
 // the file's name, or an empty string with errno set.
 std::string writeTemporary(const std::string& path, const uint8_t* data, size_t size) {
-  const std::string dir = directoryOf(path);
-  const std::string hidden = dir + "." + path.substr(dir.size()) + "." + std::to_string(getpid());
+  // Short whatever the final name, which may be near the longest allowed.
+  const std::string hidden = directoryOf(path) + ".rastertoostra-" + std::to_string(getpid());
   for (int n = 0; n < kMaxTemporaryTries; ++n) {
     const std::string temp = hidden + "-" + std::to_string(n);
     const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -103,7 +110,8 @@ std::string OstraPrinter::pageCounterPath() const {
 void jobSetup(OstraPrinter* printer, Settings* settings) {
   if (printer == nullptr || settings == nullptr)
     return;
-  FILE* f = fopen(counterPath(*printer, *settings).c_str(), "r");
+  const std::string path = counterPath(*printer, *settings);
+  FILE* f = path.empty() ? nullptr : kiwaOpenForReading(path.c_str());
   if (f != nullptr) {
     // A short file overwrites only the bytes it has, low byte first.
     uint16_t& pageNum = printer->state().PageNum;
@@ -122,7 +130,7 @@ void jobEnd(OstraPrinter* printer, Settings* settings) {
   if (pageNum >= kPageNumWrap)
     pageNum = 1;
   const std::string path = counterPath(*printer, *settings);
-  if (access(directoryOf(path).c_str(), F_OK) != 0)
+  if (path.empty() || access(directoryOf(path).c_str(), F_OK) != 0)
     return;
   uint8_t bytes[2];
   putLe16(bytes, pageNum);
@@ -208,8 +216,12 @@ void OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits) {
   // Zeroed, so the margin bytes of every row record are 0.
   std::unique_ptr<unsigned char, KiwaFree> records(
       static_cast<unsigned char*>(calloc(1, static_cast<size_t>(need))));
-  if (!records)
+  if (!records) {
+    pageFailure_ = "page record allocation";
+    kiwaLogCommon(KIWA_LOG_ERROR, "OTCSendImage: no memory for %ld bytes, the page is not printed",
+                  need);
     return;
+  }
   CalcBlackPoints(bits, size, extent, records.get(), need);
   OutputImage(need, static_cast<int>(extent.cy), records.get());
 }
@@ -254,8 +266,12 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
 
   const size_t total = static_cast<size_t>(size) + kRecordHeaderSize;
   std::unique_ptr<unsigned char, KiwaFree> page(static_cast<unsigned char*>(malloc(total)));
-  if (!page)
+  if (!page) {
+    pageFailure_ = "page record allocation";
+    kiwaLogCommon(KIWA_LOG_ERROR, "OutputImage: no memory for %zu bytes, the page is not printed",
+                  total);
     return;
+  }
   memcpy(page.get(), state_.bLabelInfo, sizeof(state_.bLabelInfo));
   memcpy(page.get() + sizeof(state_.bLabelInfo), rasterHeader, sizeof(rasterHeader));
   memcpy(page.get() + kRecordHeaderSize, records, static_cast<size_t>(size));

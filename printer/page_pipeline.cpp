@@ -56,11 +56,13 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                 "line: %zu",
                 width, height, bytesPerLine);
   pageImages_.clear();
+  pageFailure_ = nullptr;
   const size_t size = bytesPerLine * height;
   // Allocated as the pipeline always has, though nothing is written to it.
   Buffer pageBuffer(static_cast<unsigned char*>(malloc(size)));
   Buffer result;
   if (!pageBuffer) {
+    pageFailure_ = "page buffer allocation";
     kiwaLogCommon(KIWA_LOG_ERROR,
                   "printImage: Memory allocation failed, unable to process image, exiting "
                   "processing");
@@ -95,6 +97,7 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
 
     result.reset(static_cast<unsigned char*>(calloc(2, size)));
     if (!result) {
+      pageFailure_ = "result buffer allocation";
       kiwaLogCommon(KIWA_LOG_ERROR,
                     "printImage: Memory allocation for processing result failed, unable to "
                     "continue processing");
@@ -106,40 +109,46 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
       PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
                   static_cast<int>(height), result.get(), 2 * size);
 
-      // The trim is worked out and logged only; the whole processed image prints.
-      const unsigned char* start = result.get();
-      size_t adjustedHeight = height;
-      if (bottom > top) {
-        adjustedHeight = bottom - top;
-        start = result.get() + top * bytesPerLine;
-        kiwaLogCommon(KIWA_LOG_DEBUG,
-                      "printImage: Adjusted image height to %zu, pointer offset by %zu bytes",
-                      adjustedHeight, top * bytesPerLine);
-      }
-      // The width and bytes-per-line slots carry each other's value; the log
-      // has always read that way.
-      kiwaLogCommon(KIWA_LOG_DEBUG,
-                    "printImage: Processed image information - pointer address: %lu, width: %zu, "
-                    "height: %zu, bytes per line: %zu, number of top blank lines: %zu, number of "
-                    "bottom blank lines: %zu, adjusted height: %zu",
-                    reinterpret_cast<unsigned long>(start), bytesPerLine, height, width, top,
-                    bottom, adjustedHeight);
-
-      setImageFileName("dithered_");
-      kiwaLogCommon(KIWA_LOG_DEBUG,
-                    "printImage: Saving processed image, file path will be generated based on "
-                    "time");
-      if (pimage != nullptr) {
-        saveImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
-                  pimage->GetWidth(), 8);
-      }
-
-      kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Starting to print the processed image");
-      if (pimage != nullptr) {
-        doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
-                     pimage->GetWidth());
+      // A page that did not come through every step must never print half done.
+      if (pageFailure_ != nullptr) {
+        kiwaLogCommon(KIWA_LOG_ERROR, "printImage: %s failed, the page is not printed",
+                      pageFailure_);
       } else {
-        kiwaLogCommon(KIWA_LOG_ERROR, "printImage: pimage is NULL, unable to print the image");
+        // The trim is worked out and logged only; the whole processed image prints.
+        const unsigned char* start = result.get();
+        size_t adjustedHeight = height;
+        if (bottom > top) {
+          adjustedHeight = bottom - top;
+          start = result.get() + top * bytesPerLine;
+          kiwaLogCommon(KIWA_LOG_DEBUG,
+                        "printImage: Adjusted image height to %zu, pointer offset by %zu bytes",
+                        adjustedHeight, top * bytesPerLine);
+        }
+        // The width and bytes-per-line slots carry each other's value; the log
+        // has always read that way.
+        kiwaLogCommon(KIWA_LOG_DEBUG,
+                      "printImage: Processed image information - pointer address: %lu, width: %zu, "
+                      "height: %zu, bytes per line: %zu, number of top blank lines: %zu, number of "
+                      "bottom blank lines: %zu, adjusted height: %zu",
+                      reinterpret_cast<unsigned long>(start), bytesPerLine, height, width, top,
+                      bottom, adjustedHeight);
+
+        setImageFileName("dithered_");
+        kiwaLogCommon(KIWA_LOG_DEBUG,
+                      "printImage: Saving processed image, file path will be generated based on "
+                      "time");
+        if (pimage != nullptr) {
+          saveImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
+                    pimage->GetWidth(), 8);
+        }
+
+        kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Starting to print the processed image");
+        if (pimage != nullptr) {
+          doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
+                       pimage->GetWidth());
+        } else {
+          kiwaLogCommon(KIWA_LOG_ERROR, "printImage: pimage is NULL, unable to print the image");
+        }
       }
     }
   }

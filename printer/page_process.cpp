@@ -1,3 +1,6 @@
+#include <memory>
+#include <new>
+
 #include "enhance/rv_enhance.h"
 #include "printer/kiwa_printer.h"
 
@@ -48,6 +51,7 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
   if (!image_.CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
                               static_cast<uint32_t>(stride), false)) {
     kiwaLogCommon(KIWA_LOG_CRIT, "cximage.CreateFromArray with grey failed!");
+    pageFailure_ = "CreateFromArray";
     return 0;
   }
   kiwaLogCommon(KIWA_LOG_DEBUG,
@@ -63,9 +67,18 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     image_.Rotate180();
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Rotated the image 180 degrees");
   }
+  // Short of memory, the transforms leave the image without pixels.
+  if (!image_.IsValid()) {
+    pageFailure_ = "Rotate180";
+    return 0;
+  }
   if (isMirrorPrint()) {
     image_.Mirror();
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Mirrored the image");
+  }
+  if (!image_.IsValid()) {
+    pageFailure_ = "Mirror";
+    return 0;
   }
 
   if (useRVDithering_) {
@@ -76,27 +89,42 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
                   stride, static_cast<int>(image_.GetEffWidth()));
     // The chain reads the first width x height bytes as packed rows, which is
     // the page exactly when the stride equals the width, as on 8-bit pages.
-    RVImage source(width, height, RV_IMG_GRAY, out);
-    const RVImage result =
-        halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source) : rvTattooDithering(source);
-    const int resultStride = (result.width + 3) / 4 * 4;
+    // The chain allocates with new; no memory ends the page, not the job.
+    std::unique_ptr<RVImage> result;
+    try {
+      RVImage source(width, height, RV_IMG_GRAY, out);
+      result =
+          std::make_unique<RVImage>(halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source)
+                                                                      : rvTattooDithering(source));
+    } catch (const std::bad_alloc&) {
+      result.reset();
+    }
+    const int resultStride = result ? (result->width + 3) / 4 * 4 : 0;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
                   resultStride, width);
     // Rows of the result are `width` bytes long, whatever resultStride says.
-    if (result.data == nullptr ||
-        !rvImage_.CreateFromArray(result.data, static_cast<uint32_t>(width),
+    if (!result || result->data == nullptr ||
+        !rvImage_.CreateFromArray(result->data, static_cast<uint32_t>(width),
                                   static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
                                   false)) {
       kiwaLogCommon(KIWA_LOG_ERROR,
                     "PageProcess: Failed to create a new CxImage from RV dithered data");
+      pageFailure_ = "stencil chain";
       return 0;
     }
     kiwaLogCommon(KIWA_LOG_DEBUG,
                   "PageProcess: Successfully created a new CxImage from RV dithered data");
     pimage = &rvImage_;
   } else {
-    image_.Dither(method);
-    image_.IncreaseBpp(8);
+    // A page left gray would print every non-white byte as a dot.
+    if (!image_.Dither(method)) {
+      pageFailure_ = "Dither";
+      return 0;
+    }
+    if (!image_.IncreaseBpp(8)) {
+      pageFailure_ = "IncreaseBpp";
+      return 0;
+    }
     pimage = &image_;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
   }

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -39,6 +41,11 @@ printf '\047\043' > /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
 const char kOddChoices[] =
     R"sh(sed 's/^\*Default\(NegativeImage\|MirrorImage\): False/*Default\1: 2\n*\1 2\/Two: ""/' \
   "$PPD" > /var/spool/odd.ppd && export PPD=/var/spool/odd.ppd)sh";
+// Links planted at the fixed names: the target keeps its bytes, the counter
+// file is replaced by a real one and pages number from 1.
+const char kPlantedLinks[] = R"sh(mkdir -p /var/spool/cups/tmp/otv6data
+printf '\047\043' > /var/spool/cups/tmp/target; ln -s /var/spool/cups/tmp/target /tmp/xxxxx.log
+ln -s ../target /var/spool/cups/tmp/otv6data/ostra-test.pgc)sh";
 const char kNameAndId[] = R"sh(export PRINTER="$(printf 'Room\t2')"; shift; set -- 1234567 "$@")sh";
 
 // clang-format off
@@ -80,6 +87,11 @@ const GoldenJob kJobs[] = {
     {"OneBitPageAfterAGoodOne", "", "photo 1bit"},
     {"EmptyStream", "", ""},
     {"PageTooLarge", "", "empty:70000x70000"},
+    // Malformed headers from libcups's own writer: refused before any allocation.
+    {"WidthZero", "", "photo photo:64x10!w=0"},
+    {"BytesPerLineBelowWidth", "", "photo:609x20!bpl=10"},
+    {"ResolutionZero", "", "photo:64x10!xres=0"},
+    {"ColourSpaceAndOrderOutOfRange", "", "photo:64x10!cs=99!co=1234567"},
     {"StandardInput", "", "photo", R"sh(exec <"$6"; set -- "$1" "$2" "$3" "$4" "$5")sh"},
     {"FiveArguments", "", "photo", "set -- 1 u t 1"},
     {"UnopenableFile", "", "photo", "set -- 1 u t 1 '' /no/such.ras"},
@@ -88,9 +100,20 @@ const GoldenJob kJobs[] = {
     // starts after a lost record, and no temporary file stays behind.
     {"PageDirectoryIsAFile", "", "photo photo", "touch /var/spool/cups/tmp/otv6data"},
     {"CounterPathIsADirectory", "", "photo", "mkdir -p /var/spool/cups/tmp/otv6data/ostra-test.pgc"},
+    {"PrinterNameLeavingTheSpool", "", "photo", "export PRINTER=../../../../tmp/escaped"},
+    {"FixedNamesNotFollowed", "", "photo", kPlantedLinks},
     {"UnreadablePpd", "", "photo", "printf '*PPD-Adobe: 4\\n\\001' >/var/spool/p; PPD=/var/spool/p"},
 };
 // clang-format on
+
+// Header fields a page spec may overwrite with "!name=value", as a hostile
+// stream would hold them.
+const std::pair<std::string, size_t> kFields[] = {
+    {"w", offsetof(cups_page_header2_t, cupsWidth)},
+    {"bpl", offsetof(cups_page_header2_t, cupsBytesPerLine)},
+    {"xres", offsetof(cups_page_header2_t, HWResolution)},
+    {"cs", offsetof(cups_page_header2_t, cupsColorSpace)},
+    {"co", offsetof(cups_page_header2_t, cupsColorOrder)}};
 
 std::vector<TestPage> pagesOf(const std::string& spec) {
   std::vector<TestPage> pages;
@@ -102,6 +125,15 @@ std::vector<TestPage> pagesOf(const std::string& spec) {
                     : word == "1bit"              ? makePageWithDepth(64, 10, 1)
                     : word.rfind("empty", 0) == 0 ? makeHeaderOnlyPage(w, h)
                                                   : makePhotoPage(w, h, x, y));
+    char name[8];
+    unsigned value = 0;
+    for (size_t at = word.find('!'); at != std::string::npos; at = word.find('!', at + 1)) {
+      sscanf(word.c_str() + at, "!%7[a-z]=%u", name, &value);
+      for (const auto& [field, offset] : kFields)
+        if (field == name)
+          memcpy(reinterpret_cast<char*>(&pages.back().header) + offset, &value, sizeof value);
+      pages.back().pixels.resize(size_t{pages.back().header.cupsBytesPerLine} * h);
+    }
   }
   return pages;
 }

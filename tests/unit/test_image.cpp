@@ -43,7 +43,8 @@ TEST(CxImage, CreateLimitsDepthsAndPixels) {
     uint32_t bpp, colors, effWidth;
   } cases[] = {
       // clang-format off
-      {0, 5, 8, kNoSize}, {5, 0, 8, kNoSize}, {65536, 32768, 8, "CXIMAGE_MAX_MEMORY exceeded"},
+      {0, 5, 8, kNoSize, 0, 0, 0}, {5, 0, 8, kNoSize, 0, 0, 0},
+      {65536, 32768, 8, "CXIMAGE_MAX_MEMORY exceeded", 0, 0, 0},
       {33, 2, 0, nullptr, 1, 2, 8},  {3, 2, 2, nullptr, 4, 16, 4}, {9, 2, 4, nullptr, 4, 16, 8},
       {5, 2, 5, nullptr, 8, 256, 8}, {1, 2, 24, nullptr, 24, 0, 4}, {3, 2, 32, nullptr, 24, 0, 12},
       // clang-format on
@@ -53,11 +54,12 @@ TEST(CxImage, CreateLimitsDepthsAndPixels) {
     img.Create(c.w, c.h, c.asked, 9);
     img.Create(1, 1, 8, 0);  // success keeps an earlier error text
     EXPECT_STREQ(img.GetLastError(), c.error ? c.error : "");
-    if (c.error == nullptr && img.Create(c.w, c.h, c.asked, 9) != nullptr)
+    if (c.error == nullptr && img.Create(c.w, c.h, c.asked, 9) != nullptr) {
       EXPECT_EQ(
           (std::vector<uint32_t>{img.GetBpp(), img.GetNumColors(), img.GetEffWidth(),
                                  img.GetSize()}),
           (std::vector<uint32_t>{c.bpp, c.colors, c.effWidth, 40 + 4 * c.colors + 2 * c.effWidth}));
+    }
   }
   CxImage huge;  // here both products wrap to 0, which passes: header and palette only
   ASSERT_NE(huge.Create(65536, 65536, 8, 0), nullptr);
