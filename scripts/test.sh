@@ -2,7 +2,8 @@
 # Sets up the machine, builds the project twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer), and runs every test in both;
 # first it proves the filter builds without the optional libraries, last it
-# runs the static analysers (scripts/analyze.sh).
+# runs the static analysers (scripts/analyze.sh) and fuzzes the whole job for
+# a minute.
 # The end-to-end tests need root: they run the filter in a private mount
 # namespace (unshare -m) so the real /tmp and spool directories are untouched.
 set -euo pipefail
@@ -28,3 +29,14 @@ done
 
 echo "== static analysis"
 bash scripts/analyze.sh
+
+# A minute of libFuzzer on the whole job; any crash, sanitizer report, leak or
+# timeout fails the run and leaves the input in build-fuzz/.
+echo "== fuzzing the job for a minute (clang, libFuzzer)"
+CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DOSTRA_FUZZ=ON >/dev/null
+cmake --build build-fuzz --target ostra_fuzz_job --parallel "$(nproc)" >&2
+corpus=$(mktemp -d)
+build-fuzz/tests/fuzz/ostra_fuzz_job -max_total_time=60 -timeout=20 -malloc_limit_mb=8192 \
+  -close_fd_mask=2 -dict=tests/fuzz/raster.dict -artifact_prefix=build-fuzz/ \
+  "$corpus" tests/fuzz/corpus
+rm -rf "$corpus"
