@@ -76,22 +76,41 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string args[] = {"rastertoostra", "7", "user", "title", "1", options, box.input};
   char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(),
                   args[4].data(), args[5].data(), args[6].data()};
-  runFilterJob(7, argv, box.paths);
+  // A finished job says 0 or 1, whatever it was fed.
+  if (runFilterJob(7, argv, box.paths) > 1)
+    abort();
   fs::remove_all(box.work);
   return 0;
 }
 
 #ifdef OSTRA_FUZZ_REPLAY
-// Feeds every file of the directories given to the target once.
+// Feeds every file of the directories given to the target once; a single file
+// is cut short, and flipped a byte at a time, all along its length.
 int main(int argc, char* argv[]) {
   int inputs = 0;
-  for (int i = 1; i < argc; ++i)
-    for (const auto& entry : fs::directory_iterator(argv[i])) {
-      std::ifstream in(entry.path(), std::ios::binary);
-      const std::string bytes{std::istreambuf_iterator<char>(in), {}};
-      fprintf(stderr, "%d %s\n", ++inputs, entry.path().c_str());
-      LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  const auto run = [&](const std::string& bytes) {
+    ++inputs;
+    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  };
+  const auto read = [](const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string{std::istreambuf_iterator<char>(in), {}};
+  };
+  for (int i = 1; i < argc; ++i) {
+    if (fs::is_directory(argv[i])) {
+      for (const auto& entry : fs::directory_iterator(argv[i]))
+        run(read(entry.path()));
+      continue;
     }
+    const std::string bytes = read(argv[i]);
+    for (size_t at = 3; at < bytes.size(); at += 41) {
+      std::string flipped = bytes;
+      flipped[at] = static_cast<char>(~flipped[at]);
+      run(bytes.substr(0, at));
+      run(flipped);
+    }
+  }
+  fprintf(stderr, "%d jobs\n", inputs);
   return inputs > 0 ? 0 : 1;
 }
 #endif
