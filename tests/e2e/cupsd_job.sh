@@ -8,15 +8,10 @@ doc=$(cd "$(dirname "$0")/../.." && pwd)/samples/sample.pdf
 w=/tmp/cupsd stage=/tmp/cupsd/stage sock=/tmp/cupsd/sock records=/var/spool/cups/tmp/otv6data
 mount -t tmpfs -o mode=0755 ostra-run /run  # cupsd's default place for its state
 mkdir -p $w/etc $w/spool/tmp $w/state $w/cache $w/log $w/out
-fail() {
-  echo "FAIL: $*; error_log without debug lines (all of it is in the test's tmp/cupsd/log):"
-  grep -v '^D' $w/log/error_log | tail -n 40
-  exit 1
-}
+fail() { echo "FAIL: $*; error_log without debug lines:" && grep -v '^D' $w/log/error_log; exit 1; }
 # Waits up to a minute for CONDITION; a stopped queue or job fails at once.
 poll() {
-  i=0
-  until eval "$1"; do
+  i=0 && until eval "$1"; do
     ! lpstat -h $sock -p ostra 2>/dev/null | grep -q disabled || fail "queue stopped"
     ! grep -q '\] Job stopped' $w/log/error_log 2>/dev/null || fail "job stopped"
     [ $((i += 1)) -lt 600 ] || fail "waited a minute for $1"

@@ -110,7 +110,6 @@ int main(int argc, char* argv[]) {
       run(flipped);
     }
   }
-  fprintf(stderr, "%d jobs\n", inputs);
   return inputs > 0 ? 0 : 1;
 }
 #endif

@@ -1,10 +1,9 @@
 // The typed PPD look-ups and the settings read from a PPD, on a small PPD of
-// odd choices.
+// odd choices (tests/data/odd-choices.ppd).
 #include <cups/cups.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -15,30 +14,8 @@
 
 namespace {
 
-const char kOddPpd[] = R"(*PPD-Adobe: "4.3"
-*MaxMediaWidth: "576"
-*EmptyAttr: ""
-*OpenUI *PageSize: PickOne
-*DefaultPageSize: Small
-*PageSize Small: ""
-*CloseUI: *PageSize
-*PaperDimension Small: "144 72"
-*OpenUI *Value: PickOne
-*DefaultValue: YES
-*Value YES: ""
-*Value on: ""
-*Value 256: ""
-*Value -1: ""
-*CloseUI: *Value
-*OpenUI *Lost: PickOne
-*DefaultLost: Gone
-*Lost A: ""
-*CloseUI: *Lost
-)";
-
 TEST(KiwaPpd, ChoicesAndAttributesFallBackToDefaults) {
-  const std::string path = testWorkDir() + "/odd.ppd";
-  std::ofstream(path) << kOddPpd;
+  const std::string path = OSTRA_SOURCE_DIR "/tests/data/odd-choices.ppd";
   const struct {
     const char *options, *option, *str;  // str null: the default comes back
     int asInt, asBool;
