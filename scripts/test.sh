@@ -36,7 +36,7 @@ echo "== fuzzing the job for a minute (clang, libFuzzer)"
 CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DOSTRA_FUZZ=ON >/dev/null
 cmake --build build-fuzz --target ostra_fuzz_job --parallel "$(nproc)" >&2
 corpus=$(mktemp -d)
-build-fuzz/tests/fuzz/ostra_fuzz_job -max_total_time=60 -timeout=20 -malloc_limit_mb=8192 \
+LSAN_OPTIONS=suppressions=tests/fuzz/lsan.supp build-fuzz/tests/fuzz/ostra_fuzz_job -max_total_time=60 -timeout=20 -malloc_limit_mb=8192 \
   -close_fd_mask=2 -dict=tests/fuzz/raster.dict -artifact_prefix=build-fuzz/ \
   "$corpus" tests/fuzz/corpus
 rm -rf "$corpus"
