@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -45,35 +44,6 @@ std::vector<PageRecord> print(const std::string& raster, const std::string& opti
     pages.emplace_back();
     EXPECT_TRUE(decodePageRecord({file.begin(), file.end()}, &pages.back(), &error)) << error;
   }
-}
-
-// A real Code 128 from Debian's `barcode`: upright on page 1 (bars run down the
-// label), turned on page 2 (bars run across it, long enough to be dashed).
-TEST(RealDocuments, BarcodeTouchUpsOnlyThinStencilBars) {
-  const std::string dir = testWorkDir();
-  ASSERT_EQ(system(("barcode -b OSTRA-4021-7734 -e 128 -E -o '" + dir + "/code.eps'").c_str()), 0);
-  const std::string eps = readFile(dir + "/code.eps");
-  std::ofstream(dir + "/barcode.ps")
-      << "%!PS\n<< /PageSize [288 432] >> setpagedevice\ngsave 8 180 translate 1.3 2.5 scale\n"
-      << eps << "\ngrestore showpage\n<< /PageSize [288 432] >> setpagedevice\n"
-      << "gsave 270 8 translate 90 rotate 1.9 2.5 scale\n"
-      << eps << "\ngrestore showpage\n";
-  ASSERT_EQ(system(("ps2pdf '" + dir + "/barcode.ps' '" + dir + "/barcode.pdf'").c_str()), 0);
-  const std::string raster = rasterise(dir + "/barcode.pdf");
-  std::vector<std::vector<PageRecord>> modes;
-  for (const char* mode : {"0", "1", "2"})
-    modes.push_back(print(raster, std::string("HalftoneType=Tattoo VBarcodeDensity=") + mode));
-  ASSERT_EQ(modes[0].size() + modes[1].size() + modes[2].size(), 6u);
-  for (size_t i = 0; i < 4; ++i) {  // modes 1 and 2 only clear dots, and the bars survive
-    const PageRecord &plain = modes[0][i % 2], &thinned = modes[1 + i / 2][i % 2];
-    for (size_t dot = 0; dot < plain.dots.size(); ++dot)
-      ASSERT_LE(thinned.dots[dot], plain.dots[dot]) << i << " at " << dot;
-    EXPECT_GT(thinned.blackDots, plain.blackDots * 4 / 10);
-  }
-  // Dashing and the row scan act on the turned bars, the column scan on both.
-  EXPECT_LT(modes[1][1].blackDots, modes[0][1].blackDots * 8 / 10);
-  EXPECT_LT(modes[2][0].blackDots, modes[0][0].blackDots);
-  EXPECT_LT(modes[2][1].blackDots, modes[0][1].blackDots);
 }
 
 // Rows are packed at the raster's width, so every size the PPD offers must
