@@ -85,6 +85,7 @@ const GoldenJob kJobs[] = {
     {"PpdChoicesNotTrueFalse", "HalftoneType=Tattoo", "photo", kOddChoices},
     {"ZeroHeightEndsTheJob", "", "photo empty:64x0 photo"},
     {"OneBitPageAfterAGoodOne", "", "photo 1bit"},
+    {"StreamEndsInsideAPage", "", "photo bars", R"sh(truncate -s -99 "$6")sh"},
     {"EmptyStream", "", ""},
     {"PageTooLarge", "", "empty:70000x70000"},
     // Malformed headers from libcups's own writer: refused before any allocation
