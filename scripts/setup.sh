@@ -7,7 +7,7 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config clang-format clang-tidy-14 cppcheck systemd
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
-  ghostscript poppler-utils util-linux strace clang-14 libclang-rt-14-dev
+  ghostscript poppler-utils util-linux strace time clang-14 libclang-rt-14-dev
 )
 
 missing=()

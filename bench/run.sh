@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Times whole jobs: the filter against the I/O floor (bench/io_floor.cpp) on
+# the same raster, side by side in interleaved rounds. The rasters are made by
+# CUPS from samples/sample.pdf with the shipped PPD: one A4 page at 300 dpi, a
+# 4 x 6 in label at 203 dpi, and ten A4 pages. Prints the median wall and CPU
+# (user + system) time of each, the wall-time ratio to the floor and the peak
+# resident memory. Runs in the private namespace of tests/support/sandbox.sh,
+# so the machine's /tmp and spool are never touched.
+#   bench/run.sh [ROUNDS]      (default 5)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+rounds=${1:-5}
+build=$(cd "$(bash scripts/build.sh plain | tail -n 1)" && pwd)
+# The sandbox keeps only its output folder at its own path: everything goes there.
+top=$(mktemp -d)
+trap 'rm -rf "$top"' EXIT
+work=$top/box
+mkdir -p "$work"
+
+raster() { # name options pdf
+  cupsfilter -p ppd/ostra.ppd -m application/vnd.cups-raster -o "$2" "$3" >"$work/$1.ras" 2>/dev/null
+}
+pdfunite $(printf 'samples/sample.pdf %.0s' $(seq 10)) "$work/ten.pdf"
+raster a4 "PageSize=A4 Resolution=300dpi" samples/sample.pdf
+raster label "PageSize=w288h432 Resolution=203dpi" samples/sample.pdf
+raster ten "PageSize=A4 Resolution=300dpi" "$work/ten.pdf"
+
+# One line per run: job, what ran, wall s, user s, system s, peak KB.
+PPD=$PWD/ppd/ostra.ppd PRINTER=bench tests/support/sandbox.sh "$work" bash -c '
+  set -eu
+  build=$1 work=$2 rounds=$3
+  run() { # job label command...
+    job=$1 what=$2
+    shift 2
+    rm -rf /var/spool/cups/tmp/* /tmp/xxxxx.log
+    mkdir -p /var/spool/cups/tmp/floor
+    # bash times to the millisecond; GNU time only reports the peak.
+    TIMEFORMAT="%3R %3U %3S"
+    { time /usr/bin/time -o /tmp/peak -f %M "$@" >/dev/null 2>&1; } 2>/tmp/t
+    echo "$job $what $(cat /tmp/t) $(cat /tmp/peak)" >>"$work/runs"
+  }
+  for round in $(seq "$rounds"); do
+    for job in a4 label ten; do
+      methods="None Ordered Burkes Tattoo"
+      [ "$job" = ten ] && methods=None
+      run "$job" floor "$build/ostra_io_floor" "$work/$job.ras" /var/spool/cups/tmp/floor
+      for m in $methods; do
+        run "$job" "$m" "$build/rastertoostra" 1 bench bench 1 "HalftoneType=$m" "$work/$job.ras"
+      done
+    done
+  done
+' sh "$build" "$work" "$rounds"
+
+echo "$rounds rounds, $(nproc) cores, $(date -u +%Y-%m-%d), medians:"
+awk '
+  { key = $1 " " $2; n[key]++; wall[key, n[key]] = $3; cpu[key, n[key]] = $4 + $5
+    if ($6 > peak[key]) peak[key] = $6; if (!(key in seen)) { seen[key] = 1; order[++keys] = key } }
+  function median(a, key, m,   i, j, t, v) {
+    for (i = 1; i <= m; i++) v[i] = a[key, i]
+    for (i = 2; i <= m; i++) for (j = i; j > 1 && v[j - 1] > v[j]; j--) { t = v[j]; v[j] = v[j - 1]; v[j - 1] = t }
+    return m % 2 ? v[(m + 1) / 2] : (v[m / 2] + v[m / 2 + 1]) / 2 }
+  END {
+    printf "%-6s %-8s %9s %9s %8s %8s\n", "job", "run", "wall ms", "cpu ms", "x floor", "peak MB"
+    for (k = 1; k <= keys; k++) {
+      key = order[k]; split(key, p, " "); w = median(wall, key, n[key])
+      if (p[2] == "floor") floor[p[1]] = w
+      printf "%-6s %-8s %9.0f %9.0f %8.2f %8.1f\n", p[1], p[2], 1000 * w, 1000 * median(cpu, key, n[key]),
+        (floor[p[1]] > 0 ? w / floor[p[1]] : 0), peak[key] / 1024 }
+  }' "$work/runs"
