@@ -127,6 +127,18 @@ FILE* kiwaOpenForReading(const char* path) {
   return f;
 }
 
+namespace {
+thread_local KiwaPixelPath tPixelPath = KiwaPixelPath::Fast;
+}  // namespace
+
+void kiwaSetPixelPath(KiwaPixelPath path) {
+  tPixelPath = path;
+}
+
+KiwaPixelPath kiwaPixelPath() {
+  return tPixelPath;
+}
+
 void KiwaFree::operator()(void* p) const {
   free(p);
 }

@@ -67,6 +67,14 @@ struct KiwaFree {
   void operator()(void* p) const;
 };
 
+// Which code runs the pixel loops of the page: the row loops over raw
+// pointers (the default), or the straightforward per-pixel code they must
+// match byte for byte. Set per thread, so printers on other threads are not
+// affected.
+enum class KiwaPixelPath { Fast, Reference };
+void kiwaSetPixelPath(KiwaPixelPath path);
+KiwaPixelPath kiwaPixelPath();
+
 // Truncation toward zero that cannot trap: NaN, infinities and values no
 // 64-bit integer holds give 0.
 long long kiwaTruncate(double v);

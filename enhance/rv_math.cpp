@@ -43,6 +43,17 @@ RVImage::RVImage(const RVImage& other)
   allocate(other.data);
 }
 
+RVImage::RVImage(RVImage&& other) noexcept
+    : width(other.width),
+      height(other.height),
+      channels(other.channels),
+      color(other.color),
+      data(other.data) {
+  other.width = 0;
+  other.height = 0;
+  other.data = nullptr;
+}
+
 RVImage& RVImage::operator=(const RVImage& other) {
   if (&other == this) {
     // Assigning an image to itself has always left a fresh buffer behind.
@@ -154,32 +165,4 @@ float my_pow(float x, float y) {
       return -1.0f;
   }
   return my_exp(y * my_ln(x));
-}
-
-int rvTruncToInt(float v) {
-  if (!(v >= -2147483648.0f && v < 2147483648.0f))
-    return INT32_MIN;
-  return static_cast<int>(v);
-}
-
-int my_round(float x) {
-  if (static_cast<double>(x) >= 0.0)
-    return rvTruncToInt(x + 0.5f);
-  return rvTruncToInt(x - 0.5f);
-}
-
-int myClamp(int v, int lo, int hi) {
-  if (v < lo)
-    return lo;
-  if (v < hi)
-    return v;
-  return hi;
-}
-
-bool isWithinBounds(int x, int y, int width, int height) {
-  if (x < 0)
-    return false;
-  if (x >= width)
-    return false;
-  return y >= 0 && y < height;
 }

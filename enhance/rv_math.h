@@ -22,6 +22,8 @@ class RVImage {
   // A new buffer, zeroed.
   RVImage(int width, int height, RV_IMG_COLOR color);
   RVImage(const RVImage& other);
+  // Takes the buffer; `other` is left empty.
+  RVImage(RVImage&& other) noexcept;
   RVImage& operator=(const RVImage& other);
   ~RVImage();
 
@@ -52,10 +54,33 @@ float my_ln(float x);
 float my_pow(float x, float y);
 // Truncation toward zero as the processor converts: values no int holds,
 // NaN included, become INT32_MIN.
-int rvTruncToInt(float v);
+inline int rvTruncToInt(float v) {
+  if (!(v >= -2147483648.0f && v < 2147483648.0f))
+    return INT32_MIN;
+  return static_cast<int>(v);
+}
+
 // Halves away from zero; the addition of 0.5 is in single precision.
-int my_round(float x);
-int myClamp(int v, int lo, int hi);
-bool isWithinBounds(int x, int y, int width, int height);
+inline int my_round(float x) {
+  if (static_cast<double>(x) >= 0.0)
+    return rvTruncToInt(x + 0.5f);
+  return rvTruncToInt(x - 0.5f);
+}
+
+inline int myClamp(int v, int lo, int hi) {
+  if (v < lo)
+    return lo;
+  if (v < hi)
+    return v;
+  return hi;
+}
+
+inline bool isWithinBounds(int x, int y, int width, int height) {
+  if (x < 0)
+    return false;
+  if (x >= width)
+    return false;
+  return y >= 0 && y < height;
+}
 
 #endif  // OSTRA_ENHANCE_RV_MATH_H

@@ -1,4 +1,8 @@
+#include <algorithm>
 #include <memory>
+#include <utility>
+
+#include "common/kiwa_common.h"
 
 #include "enhance/rv_enhance.h"
 
@@ -38,16 +42,80 @@ bool isEmpty(const RVImage& image) {
 RVImage stencil(RVImage& image, bool q7) {
   if (isEmpty(image))
     return RVImage(image);
-  RVImage gray = cvtGray(image);
-  // Measured before the tone change; the first pipeline uses it only at the end.
-  const int t = thresh_global_moments(gray);
-  if (q7) {
-    enh_piecewise_gamma(gray, t, kQ7Gamma1, kQ7Gamma2);
-  } else {
-    enh_piecewise_gamma(gray, kFixedKnee, kToneGamma1, kToneGamma2);
-  }
-  const RVImage sharp = enh_unsharp_mask(gray, kSharpenPercent, kSharpenSize);
+  int t = 0;
+  // The gray page is let go before the diffusion, which needs only the sharpened one.
+  const RVImage sharp = [&] {
+    RVImage gray = cvtGray(image);
+    // Measured before the tone change; the first pipeline uses it only at the end.
+    t = thresh_global_moments(gray);
+    if (q7) {
+      enh_piecewise_gamma(gray, t, kQ7Gamma1, kQ7Gamma2);
+    } else {
+      enh_piecewise_gamma(gray, kFixedKnee, kToneGamma1, kToneGamma2);
+    }
+    return enh_unsharp_mask(gray, kSharpenPercent, kSharpenSize);
+  }();
   return edf_cus(sharp, t);
+}
+
+// One pixel of edf_cus: its level, then its error handed on to the taps that
+// lie on the image (`here` is its row of pending error, `below` the next
+// row's, null on the last row).
+template <bool kCheck>
+inline void diffusePixel(const RVImage& image, float limit, RVImage& out, float* here, float* below,
+                         int x, int y) {
+  const int w = image.width;
+  const int h = image.height;
+  const int64_t i = static_cast<int64_t>(y) * w + x;
+  const float v = here[x] + static_cast<float>(image.data[i]);
+  float e;
+  if (v > limit) {
+    out.data[i] = 255;
+    if (y >= 1 && x >= 1 && y < h - 1 && x < w - 1) {
+      float s = 0.0f;
+      if (out.data[i - 1] == 0)
+        s += kNeighbourBonus;
+      if (out.data[i - w] == 0)
+        s += kNeighbourBonus;
+      e = (1.0f - s) * -255.0f + v;
+    } else {
+      e = v - 255.0f;
+    }
+  } else {
+    out.data[i] = 0;
+    e = v;
+  }
+  for (const Tap& tap : kStencilTaps) {
+    const int nx = x + tap.dx;
+    float* row = tap.dy == 0 ? here : below;
+    if (kCheck && (row == nullptr || nx < 0 || nx >= w))
+      continue;
+    row[nx] += e * tap.weight;
+  }
+}
+
+// edf_cus with two rows of pending error instead of a page of them: a pixel's
+// error reaches only its own row and the next, and every sum is built from
+// the same additions in the same order.
+void diffuseRows(const RVImage& image, float limit, RVImage& out) {
+  const int w = image.width;
+  const int h = image.height;
+  std::unique_ptr<float[]> rows(new float[2 * static_cast<size_t>(w)]());
+  float* here = rows.get();
+  float* below = here + w;
+  for (int y = 0; y < h; ++y) {
+    float* next = y + 1 < h ? below : nullptr;
+    const int inner = next == nullptr ? 0 : w - 2;
+    int x = 0;
+    for (; x < 2 && x < w; ++x)
+      diffusePixel<true>(image, limit, out, here, next, x, y);
+    for (; x < inner; ++x)
+      diffusePixel<false>(image, limit, out, here, next, x, y);
+    for (; x < w; ++x)
+      diffusePixel<true>(image, limit, out, here, next, x, y);
+    std::swap(here, below);
+    std::fill(below, below + w, 0.0f);
+  }
 }
 
 }  // namespace
@@ -59,6 +127,10 @@ RVImage edf_cus(const RVImage& image, int threshold) {
   const int64_t n = static_cast<int64_t>(w) * h;
   if (n <= 0)
     return out;
+  if (kiwaPixelPath() == KiwaPixelPath::Fast) {
+    diffuseRows(image, static_cast<float>(threshold), out);
+    return out;
+  }
   std::unique_ptr<float[]> err(new float[static_cast<size_t>(n)]());
   const float limit = static_cast<float>(threshold);
 

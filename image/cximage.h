@@ -113,6 +113,11 @@ class CxImage {
   // Reduces the image to 1 bit per pixel (index 0 black, 1 white) with the
   // halftone method `method` (unknown numbers run Floyd-Steinberg).
   bool Dither(long method);
+  // Dither(method) followed by IncreaseBpp(8), with the same pixels, palette
+  // and zeroed row padding, but worked in the image's own block: every pixel
+  // is read for the last time before its level is stored, so an 8-bit image
+  // needs no second page-sized block.
+  bool Dither8(long method);
 
  private:
   struct Info {
@@ -126,6 +131,7 @@ class CxImage {
   };
 
   void setError(const char* text);
+  void ditherRowsInPlace(long method);
   uint8_t* rowStart(int64_t y) const {
     return info_.bits + y * static_cast<int64_t>(info_.effWidth);
   }

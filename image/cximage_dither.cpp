@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <cstring>
 
 #include "image/cximage.h"
 
@@ -7,27 +8,27 @@ namespace {
 // Error-diffusion kernels, cells in the order they are applied, one kernel
 // row to a line.
 // clang-format off
-const CxDiffusionKernel kBurkes = {32, 7, {
+constexpr CxDiffusionKernel kBurkes = {32, 7, {
     {1, 0, 8}, {2, 0, 4},
     {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2}}};
-const CxDiffusionKernel kStucki = {42, 12, {
+constexpr CxDiffusionKernel kStucki = {42, 12, {
     {1, 0, 8}, {2, 0, 4},
     {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2},
     {-2, 2, 1}, {-1, 2, 2}, {0, 2, 4}, {1, 2, 2}, {2, 2, 1}}};
-const CxDiffusionKernel kJarvisJudiceNinke = {48, 12, {
+constexpr CxDiffusionKernel kJarvisJudiceNinke = {48, 12, {
     {1, 0, 7}, {2, 0, 5},
     {-2, 1, 3}, {-1, 1, 5}, {0, 1, 7}, {1, 1, 5}, {2, 1, 3},
     {-2, 2, 1}, {-1, 2, 3}, {0, 2, 5}, {1, 2, 3}, {2, 2, 1}}};
-const CxDiffusionKernel kSierra = {32, 10, {
+constexpr CxDiffusionKernel kSierra = {32, 10, {
     {1, 0, 5}, {2, 0, 3},
     {-2, 1, 2}, {-1, 1, 4}, {0, 1, 5}, {1, 1, 4}, {2, 1, 2},
     {-1, 2, 2}, {0, 2, 3}, {1, 2, 2}}};
-const CxDiffusionKernel kStevensonArce = {200, 12, {
+constexpr CxDiffusionKernel kStevensonArce = {200, 12, {
     {2, 0, 32},
     {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16},
     {-2, 2, 12}, {0, 2, 26}, {2, 2, 12},
     {-3, 3, 5}, {-1, 3, 12}, {1, 3, 12}, {3, 3, 5}}};
-const CxDiffusionKernel kFloydSteinberg = {16, 4, {
+constexpr CxDiffusionKernel kFloydSteinberg = {16, 4, {
     {1, 0, 7},
     {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}}};
 // clang-format on
@@ -36,9 +37,87 @@ const CxDiffusionKernel kFloydSteinberg = {16, 4, {
 const int kOrderedMatrix[4][4] = {{0, 8, 2, 10}, {12, 4, 14, 6}, {3, 11, 1, 9}, {15, 7, 13, 5}};
 
 constexpr int kGeneratedOrder = 4;
+constexpr int kGeneratedTableSize = 1 << (2 * kGeneratedOrder);
+constexpr int kGeneratedShift = 8 - 2 * kGeneratedOrder > 0 ? 8 - 2 * kGeneratedOrder : 0;
 
 // Threshold shared by the fixed threshold and error diffusion: below is black.
 constexpr int kBlackBelow = 129;
+
+// Built per call as the generator has always done; the division by the order
+// instead of a power of two leaves only the first 16 entries meaningful.
+void generatedOrderTable(uint8_t* table) {
+  for (int i = 0; i < kGeneratedTableSize; ++i) {
+    int a = i / kGeneratedOrder;
+    int b = i % kGeneratedOrder;
+    int v = 0;
+    for (int k = 0; k < kGeneratedOrder; ++k) {
+      v = (((v << 1) | ((a ^ b) & 1)) << 1) | (b & 1);
+      a >>= 1;
+      b >>= 1;
+    }
+    table[i] = static_cast<uint8_t>(v);
+  }
+}
+
+constexpr int kernelReach(const CxDiffusionKernel& k) {
+  int reach = 0;
+  for (int c = 0; c < k.cellCount; ++c)
+    reach = k.cells[c].dx > reach ? k.cells[c].dx : -k.cells[c].dx > reach ? -k.cells[c].dx : reach;
+  return reach;
+}
+
+constexpr int kernelDepth(const CxDiffusionKernel& k) {
+  int depth = 0;
+  for (int c = 0; c < k.cellCount; ++c)
+    depth = k.cells[c].dy > depth ? k.cells[c].dy : depth;
+  return depth;
+}
+
+// One row of error diffusion in place, pixels [from, to): each pixel becomes
+// its level (0 or 1) once its error is handed on. The error a cell gets
+// depends only on the pixel's value, so it comes from a table. Cells off the
+// image are dropped, as the checked accessors drop them.
+template <const CxDiffusionKernel& K, bool kCheckX>
+inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t width, int64_t from,
+                        int64_t to) {
+  uint8_t* row = rows[0];
+  for (int64_t x = from; x < to; ++x) {
+    const int g = row[x];
+    row[x] = g < kBlackBelow ? 0 : 1;
+#pragma GCC unroll 12
+    for (int c = 0; c < K.cellCount; ++c) {
+      uint8_t* target = rows[K.cells[c].dy];
+      const int64_t nx = x + K.cells[c].dx;
+      if (target == nullptr || (kCheckX && (nx < 0 || nx >= width)))
+        continue;
+      const int n = target[nx] + share[c][g];
+      target[nx] = static_cast<uint8_t>(n < 0 ? 0 : n > 255 ? 255 : n);
+    }
+  }
+}
+
+template <const CxDiffusionKernel& K>
+void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height) {
+  constexpr int reach = kernelReach(K);
+  constexpr int depth = kernelDepth(K);
+  int share[12][256];
+  for (int c = 0; c < K.cellCount; ++c) {
+    for (int g = 0; g < 256; ++g) {
+      const int64_t error = g < kBlackBelow ? g : g - 255;
+      share[c][g] = static_cast<int>(error * K.cells[c].weight / K.divisor);
+    }
+  }
+  for (int64_t y = 0; y < height; ++y) {
+    uint8_t* rows[depth + 1];
+    for (int d = 0; d <= depth; ++d)
+      rows[d] = y + d < height ? bits + (y + d) * stride : nullptr;
+    const int64_t left = reach < width ? reach : width;
+    const int64_t right = width - reach > left ? width - reach : left;
+    diffuseSpan<K, true>(rows, share, width, 0, left);
+    diffuseSpan<K, false>(rows, share, width, left, right);
+    diffuseSpan<K, true>(rows, share, width, right, width);
+  }
+}
 
 }  // namespace
 
@@ -101,21 +180,9 @@ bool CxImage::Dither(long method) {
       break;
     }
     case 7: {
-      // Built per call as the generator has always done; the division by the
-      // order instead of a power of two leaves only the first 16 entries meaningful.
-      uint8_t table[1 << (2 * kGeneratedOrder)];
-      for (int i = 0; i < (1 << (2 * kGeneratedOrder)); ++i) {
-        int a = i / kGeneratedOrder;
-        int b = i % kGeneratedOrder;
-        int v = 0;
-        for (int k = 0; k < kGeneratedOrder; ++k) {
-          v = (((v << 1) | ((a ^ b) & 1)) << 1) | (b & 1);
-          a >>= 1;
-          b >>= 1;
-        }
-        table[i] = static_cast<uint8_t>(v);
-      }
-      const int shift = 8 - 2 * kGeneratedOrder > 0 ? 8 - 2 * kGeneratedOrder : 0;
+      uint8_t table[kGeneratedTableSize];
+      generatedOrderTable(table);
+      const int shift = kGeneratedShift;
       for (int64_t y = 0; y < height; ++y) {
         for (int64_t x = 0; x < width; ++x) {
           const int g = BlindGetPixelIndex(x, y) >> shift;
@@ -160,5 +227,82 @@ bool CxImage::Dither(long method) {
   target.SetPaletteColor(0, 0, 0, 0, 0);
   target.SetPaletteColor(1, 255, 255, 255, 0);
   Transfer(target);
+  return true;
+}
+
+void CxImage::ditherRowsInPlace(long method) {
+  const int64_t width = head_.biWidth;
+  const int64_t height = head_.biHeight;
+  const int64_t stride = info_.effWidth;
+  uint8_t* bits = info_.bits;
+  switch (static_cast<unsigned long>(method)) {
+    case 0:
+      for (int64_t y = 0; y < height; ++y) {
+        uint8_t* row = bits + y * stride;
+        for (int64_t x = 0; x < width; ++x)
+          row[x] = row[x] < kBlackBelow ? 0 : 1;
+      }
+      return;
+    case 1:
+      for (int64_t y = 0; y < height; ++y) {
+        // The level of each value in each of the row's four matrix columns.
+        uint8_t levels[4][256];
+        for (int column = 0; column < 4; ++column) {
+          for (int v = 0; v < 256; ++v) {
+            const int level = v * 16 / 255;
+            levels[column][v] = static_cast<uint8_t>(
+                level / 16 + (kOrderedMatrix[y & 3][column] < level % 16 ? 1 : 0));
+          }
+        }
+        uint8_t* row = bits + y * stride;
+        for (int64_t x = 0; x < width; ++x)
+          row[x] = levels[x & 3][row[x]];
+      }
+      return;
+    case 7: {
+      uint8_t table[kGeneratedTableSize];
+      generatedOrderTable(table);
+      for (int64_t y = 0; y < height; ++y) {
+        uint8_t* row = bits + y * stride;
+        const uint8_t* cells = table + kGeneratedOrder * (y % kGeneratedOrder);
+        for (int64_t x = 0; x < width; ++x)
+          row[x] = (row[x] >> kGeneratedShift) <= cells[x % kGeneratedOrder] ? 0 : 1;
+      }
+      return;
+    }
+    default:
+      break;
+  }
+  const CxDiffusionKernel* kernel = cxDiffusionKernel(method);
+  if (kernel == &kBurkes) {
+    diffuseInPlace<kBurkes>(bits, stride, width, height);
+  } else if (kernel == &kStucki) {
+    diffuseInPlace<kStucki>(bits, stride, width, height);
+  } else if (kernel == &kJarvisJudiceNinke) {
+    diffuseInPlace<kJarvisJudiceNinke>(bits, stride, width, height);
+  } else if (kernel == &kSierra) {
+    diffuseInPlace<kSierra>(bits, stride, width, height);
+  } else if (kernel == &kStevensonArce) {
+    diffuseInPlace<kStevensonArce>(bits, stride, width, height);
+  } else {
+    diffuseInPlace<kFloydSteinberg>(bits, stride, width, height);
+  }
+}
+
+bool CxImage::Dither8(long method) {
+  if (dib_ == nullptr)
+    return false;
+  if (head_.biBitCount != 8)
+    return Dither(method) && IncreaseBpp(8);
+
+  ditherRowsInPlace(method);
+  // The padding and palette of a fresh block: rows of a page wider than its
+  // width may still hold the raster's bytes there.
+  for (int64_t y = 0; y < head_.biHeight; ++y) {
+    uint8_t* row = rowStart(y);
+    memset(row + head_.biWidth, 0, info_.effWidth - static_cast<uint32_t>(head_.biWidth));
+  }
+  memset(GetPalette(), 0, GetPaletteSize());
+  SetPaletteColor(1, 255, 255, 255, 0);
   return true;
 }

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/kiwa_common.h"
 #include "image/cximage.h"
 
 bool CxImage::Light(int brightness, int contrast) {
@@ -25,7 +26,14 @@ bool CxImage::Lut(const uint8_t* table) {
     return false;
   const int64_t width = head_.biWidth;
   const int64_t height = head_.biHeight;
+  const bool rows = head_.biBitCount == 8 && kiwaPixelPath() == KiwaPixelPath::Fast;
   for (int64_t y = 0; y < height; ++y) {
+    if (rows) {
+      uint8_t* row = rowStart(y);
+      for (int64_t x = 0; x < width; ++x)
+        row[x] = table[row[x]];
+      continue;
+    }
     for (int64_t x = 0; x < width; ++x)
       BlindSetPixelIndex(x, y, table[BlindGetPixelIndex(x, y)]);
   }
@@ -49,8 +57,16 @@ bool CxImage::Rotate180(CxImage* iDst) {
   target.CopyInfo(*this);
   target.Create(GetWidth(), GetHeight(), 8, info_.imageType);
   target.SetPalette(GetPalette(), GetNumColors());
+  const bool rows = head_.biBitCount == 8 && kiwaPixelPath() == KiwaPixelPath::Fast;
   if (target.IsValid()) {
     for (int64_t y = 0; y < height; ++y) {
+      if (rows) {
+        const uint8_t* src = rowStart(y);
+        uint8_t* dst = target.rowStart(height - 1 - y) + width - 1;
+        for (int64_t x = 0; x < width; ++x)
+          dst[-x] = src[x];
+        continue;
+      }
       for (int64_t x = 0; x < width; ++x) {
         target.SetPixelIndex(width - 1 - x, height - 1 - y, BlindGetPixelIndex(x, y));
       }

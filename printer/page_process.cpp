@@ -1,3 +1,4 @@
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -11,6 +12,19 @@ constexpr int kContrastScale = 2;
 
 bool isStencilType(DitherType type) {
   return type == DITHER_TATTOO || type == DITHER_TATTOO_Q7;
+}
+
+// The bytes the chain reads from the staging copy: the first width x height
+// bytes of rows `stride` apart, each row's pixels followed by zeros.
+RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
+  RVImage source(width, height, RV_IMG_GRAY);
+  const int64_t n = source.byteCount();
+  for (int64_t y = 0; y < height && y * stride < n; ++y) {
+    const int64_t start = y * stride;
+    const int64_t count = width < n - start ? width : n - start;
+    memcpy(source.data + start, image.GetBits(static_cast<uint32_t>(y)), static_cast<size_t>(count));
+  }
+  return source;
 }
 
 }  // namespace
@@ -44,6 +58,7 @@ void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int wi
 
 long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride, int width,
                               int height, unsigned char* out, size_t outSize) {
+  const bool fast = kiwaPixelPath() == KiwaPixelPath::Fast;
   useRVDithering_ = isStencilType(halftoneType_);
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
                 useRVDithering_ ? "enabled" : "disabled");
@@ -82,7 +97,11 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
   }
 
   if (useRVDithering_) {
-    copyPixels(image_, out, width, height, stride, outSize);
+    // The staging copy in `out` is what the chain reads in the reference
+    // path; the fast path builds the same bytes straight into the chain's image.
+    const bool staged = !fast || stride < width;
+    if (staged)
+      copyPixels(image_, out, width, height, stride, outSize);
     kiwaLogCommon(KIWA_LOG_DEBUG,
                   "PageProcess: Copied pixels to the output buffer for RV dithering, with stride "
                   "%d, EffWidth %d",
@@ -92,7 +111,8 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     // The chain allocates with new; no memory ends the page, not the job.
     std::unique_ptr<RVImage> result;
     try {
-      RVImage source(width, height, RV_IMG_GRAY, out);
+      RVImage source = staged ? RVImage(width, height, RV_IMG_GRAY, out)
+                              : stencilSource(image_, width, height, stride);
       result =
           std::make_unique<RVImage>(halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source)
                                                                       : rvTattooDithering(source));
@@ -117,7 +137,9 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     pimage = &rvImage_;
   } else {
     // A page left gray would print every non-white byte as a dot.
-    if (!image_.Dither(method)) {
+    if (fast) {
+      image_.Dither8(method);
+    } else if (!image_.Dither(method)) {
       pageFailure_ = "Dither";
       return 0;
     }
@@ -139,10 +161,13 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     EnableAntiWrink(*pimage);
 
   // copyProcessedPixels inverts again under negative printing, so `out` holds
-  // the page inverted twice; the printer prints from pimage, not from `out`.
+  // the page inverted twice; the printer prints from pimage, not from `out`,
+  // so the fast path leaves it out.
   const int rowBytes = static_cast<int>(pimage->GetEffWidth());
-  copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()),
-                      static_cast<int>(pimage->GetHeight()), rowBytes, outSize);
+  if (!fast) {
+    copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()),
+                        static_cast<int>(pimage->GetHeight()), rowBytes, outSize);
+  }
   const long length = static_cast<long>(height) * rowBytes;
   kiwaLogCommon(KIWA_LOG_DEBUG,
                 "PageProcess: Filled the output buffer with processed pixels, length: %d",
