@@ -1,5 +1,8 @@
 #include <cstdint>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "image/cximage.h"
 
@@ -96,6 +99,59 @@ inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t w
   }
 }
 
+// The interior of a row, pixels [from, to), where every cell lies inside the
+// row: the pixels the kernel can still change are kept in registers, a window
+// of 2 * reach + 1 per kernel row, and each is stored once it leaves the
+// window. A cell's additions and clamps happen in the same order as above.
+template <const CxDiffusionKernel& K>
+inline void diffuseWindow(uint8_t* const* rows, const int (*share)[256], int64_t from, int64_t to) {
+  constexpr int reach = kernelReach(K);
+  constexpr int depth = kernelDepth(K);
+  constexpr int span = 2 * reach + 1;
+  if (from >= to)
+    return;
+  int window[depth + 1][span];
+#pragma GCC unroll 4
+  for (int d = 0; d <= depth; ++d) {
+#pragma GCC unroll 7
+    for (int j = 0; j < span; ++j)
+      window[d][j] = rows[d] != nullptr && (d > 0 || j >= reach) ? rows[d][from - reach + j] : 0;
+  }
+  for (int64_t x = from; x < to; ++x) {
+    const int g = window[0][reach];
+    rows[0][x] = g < kBlackBelow ? 0 : 1;
+#pragma GCC unroll 12
+    for (int c = 0; c < K.cellCount; ++c) {
+      const int d = K.cells[c].dy;
+      if (rows[d] == nullptr)
+        continue;
+      const int n = window[d][K.cells[c].dx + reach] + share[c][g];
+      window[d][K.cells[c].dx + reach] = n < 0 ? 0 : n > 255 ? 255 : n;
+    }
+    const bool more = x + 1 < to;
+#pragma GCC unroll 4
+    for (int d = 0; d <= depth; ++d) {
+      if (rows[d] == nullptr)
+        continue;
+      if (d > 0)
+        rows[d][x - reach] = static_cast<uint8_t>(window[d][0]);
+#pragma GCC unroll 7
+      for (int j = 0; j + 1 < span; ++j)
+        window[d][j] = window[d][j + 1];
+      window[d][span - 1] = more ? rows[d][x + reach + 1] : 0;
+    }
+  }
+  // Back to memory: what is still in the windows, up to the row's last pixel.
+#pragma GCC unroll 4
+  for (int d = 0; d <= depth; ++d) {
+    if (rows[d] == nullptr)
+      continue;
+#pragma GCC unroll 7
+    for (int j = d > 0 ? 0 : reach; j + 1 < span; ++j)
+      rows[d][to - reach + j] = static_cast<uint8_t>(window[d][j]);
+  }
+}
+
 template <const CxDiffusionKernel& K>
 void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height) {
   constexpr int reach = kernelReach(K);
@@ -114,7 +170,7 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
     const int64_t left = reach < width ? reach : width;
     const int64_t right = width - reach > left ? width - reach : left;
     diffuseSpan<K, true>(rows, share, width, 0, left);
-    diffuseSpan<K, false>(rows, share, width, left, right);
+    diffuseWindow<K>(rows, share, left, right);
     diffuseSpan<K, true>(rows, share, width, right, width);
   }
 }
@@ -239,7 +295,18 @@ void CxImage::ditherRowsInPlace(long method) {
     case 0:
       for (int64_t y = 0; y < height; ++y) {
         uint8_t* row = bits + y * stride;
-        for (int64_t x = 0; x < width; ++x)
+        int64_t x = 0;
+#if defined(__SSE2__)
+        // Above 128 as a signed comparison of the value less 128.
+        const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
+        const __m128i one = _mm_set1_epi8(1);
+        for (; x + 16 <= width; x += 16) {
+          const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+          const __m128i above = _mm_cmpgt_epi8(_mm_xor_si128(v, bias), _mm_setzero_si128());
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(row + x), _mm_and_si128(above, one));
+        }
+#endif
+        for (; x < width; ++x)
           row[x] = row[x] < kBlackBelow ? 0 : 1;
       }
       return;

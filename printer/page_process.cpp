@@ -1,5 +1,8 @@
 #include <cstring>
 #include <memory>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <new>
 
 #include "enhance/rv_enhance.h"
@@ -26,6 +29,20 @@ RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
   }
   return source;
 }
+
+// Each byte with its bits in the opposite order: a mask with pixel 0 in bit 0
+// becomes a packed byte with pixel 0 in the top bit.
+struct ReversedBits {
+  ReversedBits() {
+    for (int i = 0; i < 256; ++i) {
+      int r = 0;
+      for (int b = 0; b < 8; ++b)
+        r |= ((i >> b) & 1) << (7 - b);
+      of[i] = static_cast<unsigned char>(r);
+    }
+  }
+  unsigned char of[256];
+};
 
 }  // namespace
 
@@ -184,11 +201,25 @@ int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
                 height, static_cast<int>(skip), wb);
 
   // Packed in place: every output byte lands at or before the byte being read.
+  const bool fast = kiwaPixelPath() == KiwaPixelPath::Fast;
   size_t o = 0;
   for (int y = 0; y < height; ++y) {
     const unsigned char* row = buf + static_cast<size_t>(y) * rowBytes;
     unsigned char acc = 0;
-    for (int x = 0; x < wb; ++x) {
+    int x = 0;
+#if defined(__SSE2__)
+    // Sixteen pixels at a time; the bytes are loaded before the two packed
+    // bytes, which lie before them, are stored.
+    static const ReversedBits kReversed;
+    for (; fast && x + 16 <= wb; x += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+      const unsigned ink = ~static_cast<unsigned>(
+          _mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
+      buf[o++] = kReversed.of[ink & 0xFF];
+      buf[o++] = kReversed.of[(ink >> 8) & 0xFF];
+    }
+#endif
+    for (; x < wb; ++x) {
       if (row[x] != 0)
         acc |= static_cast<unsigned char>(0x80 >> (x % 8));
       if (x % 8 == 7) {
