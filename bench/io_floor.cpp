@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -18,7 +17,8 @@ void put(std::vector<uint8_t>& out, size_t at, uint32_t v, int bytes) {
     out[at + i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
-// A bottom-up 8-bit BMP with a gray palette, as the debug images are.
+// An 8-bit BMP with a gray palette, written as the debug images are: the
+// pixels in one write, as they lie.
 bool writeBmp(const std::string& path, const std::vector<uint8_t>& page, uint32_t bpl, uint32_t w,
               uint32_t h) {
   const uint32_t row = (w + 3) / 4 * 4, offset = 14 + 40 + 1024;
@@ -33,10 +33,11 @@ bool writeBmp(const std::string& path, const std::vector<uint8_t>& page, uint32_
   if (f == nullptr)
     return false;
   bool ok = fwrite(head.data(), head.size(), 1, f) == 1;
-  std::vector<uint8_t> line(row, 0);
-  for (uint32_t y = h; ok && y-- > 0;) {
-    std::copy_n(page.begin() + static_cast<size_t>(y) * bpl, w, line.begin());
-    ok = fwrite(line.data(), row, 1, f) == 1;
+  if (bpl == w) {
+    ok = ok && fwrite(page.data(), static_cast<size_t>(w) * h, 1, f) == 1;
+  } else {
+    for (uint32_t y = 0; ok && y < h; ++y)
+      ok = fwrite(page.data() + static_cast<size_t>(y) * bpl, w, 1, f) == 1;
   }
   return fclose(f) == 0 && ok;
 }
@@ -45,12 +46,19 @@ bool writeBmp(const std::string& path, const std::vector<uint8_t>& page, uint32_
 bool writeRecord(const std::string& path, const std::vector<uint8_t>& page, uint32_t bpl,
                  uint32_t w, uint32_t h) {
   const uint32_t row = (w + 7) / 8;
-  std::vector<uint8_t> out(16 + static_cast<size_t>(row) * h, 0);
+  static std::vector<uint8_t> out;  // kept across pages, as the filter keeps its page buffer
+  out.assign(16 + static_cast<size_t>(row) * h, 0);
   put(out, 0, w, 4), put(out, 4, h, 4);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x)
-      if (page[static_cast<size_t>(y) * bpl + x] >= 128)
-        out[16 + static_cast<size_t>(y) * row + x / 8] |= static_cast<uint8_t>(0x80 >> (x % 8));
+  for (uint32_t y = 0; y < h; ++y) {
+    const uint8_t* src = page.data() + static_cast<size_t>(y) * bpl;
+    uint8_t* dst = out.data() + 16 + static_cast<size_t>(y) * row;
+    for (uint32_t x = 0; x < w; x += 8) {
+      unsigned byte = 0;
+      for (uint32_t i = 0; i < 8; ++i)
+        byte = (byte << 1) | (x + i < w ? src[x + i] >> 7 : 0u);
+      dst[x / 8] = static_cast<uint8_t>(byte);
+    }
+  }
   FILE* f = fopen(path.c_str(), "wb");
   if (f == nullptr)
     return false;
@@ -74,8 +82,9 @@ int main(int argc, char* argv[]) {
   const std::string dir = argv[2];
   cups_page_header2_t h;
   bool ok = true;
+  std::vector<uint8_t> page;
   for (int n = 1; ok && cupsRasterReadHeader2(raster, &h) && h.cupsHeight > 0; ++n) {
-    std::vector<uint8_t> page(static_cast<size_t>(h.cupsBytesPerLine) * h.cupsHeight);
+    page.resize(static_cast<size_t>(h.cupsBytesPerLine) * h.cupsHeight);
     if (cupsRasterReadPixels(raster, page.data(), static_cast<unsigned>(page.size())) == 0)
       break;
     const std::string stem = dir + "/" + std::to_string(n);

@@ -67,7 +67,10 @@ void convolveRow(const unsigned char* const* rows, const double* kernel, int tap
 class RowConvolver {
  public:
   RowConvolver(const double* kernel, int size, int w)
-      : kernel_(kernel), taps_(size), half_(size / 2), w_(w),
+      : kernel_(kernel),
+        taps_(size),
+        half_(size / 2),
+        w_(w),
         padded_(static_cast<size_t>(w) + 2 * static_cast<size_t>(half_)),
         paddedTaps_(static_cast<size_t>(size)),
         rows_(static_cast<size_t>(size)) {
@@ -118,8 +121,8 @@ RVImage convolveRows(const RVImage& image, const double* kernel, int size, bool 
     if (horizontal) {
       convolver.horizontal(image.data + static_cast<int64_t>(y) * w, dst);
     } else {
-      convolver.vertical(y, image.height,
-                         [&](int r) { return image.data + static_cast<int64_t>(r) * w; }, dst);
+      convolver.vertical(
+          y, image.height, [&](int r) { return image.data + static_cast<int64_t>(r) * w; }, dst);
     }
   }
   return out;
@@ -170,8 +173,7 @@ RVImage cvtGray(const RVImage& image) {
   const int64_t n = pixelCount(image);
   const unsigned char* src = image.data;
   const bool blueFirst = image.color == RV_IMG_BGR || image.color == RV_IMG_BGRA;
-  if (image.color == RV_IMG_GRAY && image.channels == 1 &&
-      kiwaPixelPath() == KiwaPixelPath::Fast) {
+  if (image.color == RV_IMG_GRAY && image.channels == 1 && kiwaPixelPath() == KiwaPixelPath::Fast) {
     if (n > 0)
       memcpy(gray.data, src, static_cast<size_t>(n));
     return gray;

@@ -310,22 +310,23 @@ void CxImage::ditherRowsInPlace(long method) {
           row[x] = row[x] < kBlackBelow ? 0 : 1;
       }
       return;
-    case 1:
-      for (int64_t y = 0; y < height; ++y) {
-        // The level of each value in each of the row's four matrix columns.
-        uint8_t levels[4][256];
-        for (int column = 0; column < 4; ++column) {
-          for (int v = 0; v < 256; ++v) {
-            const int level = v * 16 / 255;
-            levels[column][v] = static_cast<uint8_t>(
-                level / 16 + (kOrderedMatrix[y & 3][column] < level % 16 ? 1 : 0));
-          }
+    case 1: {
+      // The level of each value in each cell of the matrix.
+      uint8_t levels[4][4][256];
+      for (int cell = 0; cell < 16; ++cell) {
+        for (int v = 0; v < 256; ++v) {
+          const int level = v * 16 / 255;
+          levels[cell / 4][cell % 4][v] = static_cast<uint8_t>(
+              level / 16 + (kOrderedMatrix[cell / 4][cell % 4] < level % 16 ? 1 : 0));
         }
+      }
+      for (int64_t y = 0; y < height; ++y) {
         uint8_t* row = bits + y * stride;
         for (int64_t x = 0; x < width; ++x)
-          row[x] = levels[x & 3][row[x]];
+          row[x] = levels[y & 3][x & 3][row[x]];
       }
       return;
+    }
     case 7: {
       uint8_t table[kGeneratedTableSize];
       generatedOrderTable(table);

@@ -25,7 +25,8 @@ RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
   for (int64_t y = 0; y < height && y * stride < n; ++y) {
     const int64_t start = y * stride;
     const int64_t count = width < n - start ? width : n - start;
-    memcpy(source.data + start, image.GetBits(static_cast<uint32_t>(y)), static_cast<size_t>(count));
+    memcpy(source.data + start, image.GetBits(static_cast<uint32_t>(y)),
+           static_cast<size_t>(count));
   }
   return source;
 }
@@ -213,8 +214,8 @@ int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
     static const ReversedBits kReversed;
     for (; fast && x + 16 <= wb; x += 16) {
       const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
-      const unsigned ink = ~static_cast<unsigned>(
-          _mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
+      const unsigned ink =
+          ~static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
       buf[o++] = kReversed.of[ink & 0xFF];
       buf[o++] = kReversed.of[(ink >> 8) & 0xFF];
     }
