@@ -153,7 +153,7 @@ RVImage gaussianRows(const RVImage& image, const double* kernel, int size) {
 // two bytes at its place, so all 65536 pairs are worked out once, with the
 // same single-precision steps.
 void sharpenInPlace(const RVImage& image, RVImage& blurred, float amount) {
-  std::vector<unsigned char> table(256 * 256);
+  std::vector<unsigned char> table(size_t{256} * 256);
   for (int a = 0; a < 256; ++a) {
     for (int b = 0; b < 256; ++b) {
       const int v = my_round(static_cast<float>(a) * (1.0f + amount) +

@@ -60,7 +60,7 @@ RVImage stencil(RVImage& image, bool q7) {
 
 // One pixel of edf_cus: its level, then its error handed on to the taps that
 // lie on the image (`here` is its row of pending error, `below` the next
-// row's, null on the last row).
+// row's).
 template <bool kCheck>
 inline void diffusePixel(const RVImage& image, float limit, RVImage& out, float* here, float* below,
                          int x, int y) {
@@ -88,7 +88,7 @@ inline void diffusePixel(const RVImage& image, float limit, RVImage& out, float*
   for (const Tap& tap : kStencilTaps) {
     const int nx = x + tap.dx;
     float* row = tap.dy == 0 ? here : below;
-    if (kCheck && (row == nullptr || nx < 0 || nx >= w))
+    if (kCheck && (nx < 0 || nx >= w))
       continue;
     row[nx] += e * tap.weight;
   }
@@ -104,15 +104,15 @@ void diffuseRows(const RVImage& image, float limit, RVImage& out) {
   float* here = rows.get();
   float* below = here + w;
   for (int y = 0; y < h; ++y) {
-    float* next = y + 1 < h ? below : nullptr;
-    const int inner = next == nullptr ? 0 : w - 2;
+    // On the last row `below` takes what would fall off the image, unread.
+    const int inner = w - 2;
     int x = 0;
     for (; x < 2 && x < w; ++x)
-      diffusePixel<true>(image, limit, out, here, next, x, y);
+      diffusePixel<true>(image, limit, out, here, below, x, y);
     for (; x < inner; ++x)
-      diffusePixel<false>(image, limit, out, here, next, x, y);
+      diffusePixel<false>(image, limit, out, here, below, x, y);
     for (; x < w; ++x)
-      diffusePixel<true>(image, limit, out, here, next, x, y);
+      diffusePixel<true>(image, limit, out, here, below, x, y);
     std::swap(here, below);
     std::fill(below, below + w, 0.0f);
   }

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -76,6 +78,10 @@ constexpr int kernelDepth(const CxDiffusionKernel& k) {
   return depth;
 }
 
+int clampLevel(int n) {
+  return std::min(255, std::max(0, n));
+}
+
 // One row of error diffusion in place, pixels [from, to): each pixel becomes
 // its level (0 or 1) once its error is handed on. The error a cell gets
 // depends only on the pixel's value, so it comes from a table. Cells off the
@@ -91,10 +97,9 @@ inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t w
     for (int c = 0; c < K.cellCount; ++c) {
       uint8_t* target = rows[K.cells[c].dy];
       const int64_t nx = x + K.cells[c].dx;
-      if (target == nullptr || (kCheckX && (nx < 0 || nx >= width)))
+      if (kCheckX && (nx < 0 || nx >= width))
         continue;
-      const int n = target[nx] + share[c][g];
-      target[nx] = static_cast<uint8_t>(n < 0 ? 0 : n > 255 ? 255 : n);
+      target[nx] = static_cast<uint8_t>(clampLevel(target[nx] + share[c][g]));
     }
   }
 }
@@ -115,24 +120,19 @@ inline void diffuseWindow(uint8_t* const* rows, const int (*share)[256], int64_t
   for (int d = 0; d <= depth; ++d) {
 #pragma GCC unroll 7
     for (int j = 0; j < span; ++j)
-      window[d][j] = rows[d] != nullptr && (d > 0 || j >= reach) ? rows[d][from - reach + j] : 0;
+      window[d][j] = d > 0 || j >= reach ? rows[d][from - reach + j] : 0;
   }
   for (int64_t x = from; x < to; ++x) {
     const int g = window[0][reach];
     rows[0][x] = g < kBlackBelow ? 0 : 1;
 #pragma GCC unroll 12
     for (int c = 0; c < K.cellCount; ++c) {
-      const int d = K.cells[c].dy;
-      if (rows[d] == nullptr)
-        continue;
-      const int n = window[d][K.cells[c].dx + reach] + share[c][g];
-      window[d][K.cells[c].dx + reach] = n < 0 ? 0 : n > 255 ? 255 : n;
+      int& cell = window[K.cells[c].dy][K.cells[c].dx + reach];
+      cell = clampLevel(cell + share[c][g]);
     }
     const bool more = x + 1 < to;
 #pragma GCC unroll 4
     for (int d = 0; d <= depth; ++d) {
-      if (rows[d] == nullptr)
-        continue;
       if (d > 0)
         rows[d][x - reach] = static_cast<uint8_t>(window[d][0]);
 #pragma GCC unroll 7
@@ -144,8 +144,6 @@ inline void diffuseWindow(uint8_t* const* rows, const int (*share)[256], int64_t
   // Back to memory: what is still in the windows, up to the row's last pixel.
 #pragma GCC unroll 4
   for (int d = 0; d <= depth; ++d) {
-    if (rows[d] == nullptr)
-      continue;
 #pragma GCC unroll 7
     for (int j = d > 0 ? 0 : reach; j + 1 < span; ++j)
       rows[d][to - reach + j] = static_cast<uint8_t>(window[d][j]);
@@ -163,10 +161,13 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
       share[c][g] = static_cast<int>(error * K.cells[c].weight / K.divisor);
     }
   }
+  // Cells below the last row land in a spare row that nothing reads: the
+  // checked accessors drop them.
+  std::vector<uint8_t> spare(static_cast<size_t>(width));
   for (int64_t y = 0; y < height; ++y) {
     uint8_t* rows[depth + 1];
     for (int d = 0; d <= depth; ++d)
-      rows[d] = y + d < height ? bits + (y + d) * stride : nullptr;
+      rows[d] = y + d < height ? bits + (y + d) * stride : spare.data();
     const int64_t left = reach < width ? reach : width;
     const int64_t right = width - reach > left ? width - reach : left;
     diffuseSpan<K, true>(rows, share, width, 0, left);

@@ -90,7 +90,7 @@ std::string pageFilePath(const std::string& dir, unsigned short pageNum, int job
 
 // Set bits of every byte value, so that counting a row needs no library call.
 struct DotCounts {
-  DotCounts() {
+  DotCounts() noexcept {
     for (int i = 0; i < 256; ++i)
       of[i] = static_cast<uint8_t>(__builtin_popcount(static_cast<unsigned>(i)));
   }

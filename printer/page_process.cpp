@@ -34,7 +34,7 @@ RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
 // Each byte with its bits in the opposite order: a mask with pixel 0 in bit 0
 // becomes a packed byte with pixel 0 in the top bit.
 struct ReversedBits {
-  ReversedBits() {
+  ReversedBits() noexcept {
     for (int i = 0; i < 256; ++i) {
       int r = 0;
       for (int b = 0; b < 8; ++b)
