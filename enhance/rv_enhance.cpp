@@ -93,8 +93,6 @@ class RowConvolver {
     convolveRow(rows_.data(), kernel_, taps_, w_, dst);
   }
 
-  int half() const { return half_; }
-
  private:
   const double* kernel_;
   int taps_;
@@ -106,27 +104,6 @@ class RowConvolver {
   // while it gathers.
   std::vector<const unsigned char*> rows_;
 };
-
-bool rowsApply(const RVImage& image, int size) {
-  return kiwaPixelPath() == KiwaPixelPath::Fast && size > 0 && image.channels == 1 &&
-         image.width > 0 && image.height > 0;
-}
-
-RVImage convolveRows(const RVImage& image, const double* kernel, int size, bool horizontal) {
-  RVImage out(image.width, image.height, image.color);
-  const int w = image.width;
-  RowConvolver convolver(kernel, size, w);
-  for (int y = 0; y < image.height; ++y) {
-    unsigned char* dst = out.data + static_cast<int64_t>(y) * w;
-    if (horizontal) {
-      convolver.horizontal(image.data + static_cast<int64_t>(y) * w, dst);
-    } else {
-      convolver.vertical(
-          y, image.height, [&](int r) { return image.data + static_cast<int64_t>(r) * w; }, dst);
-    }
-  }
-  return out;
-}
 
 // Both passes without the page between them: the horizontal rows the vertical
 // pass needs are kept in a ring of `size` rows, each made once, in order.
@@ -269,8 +246,6 @@ void generateGaussianKernel1D(int size, double sigma, double* kernel) {
 }
 
 RVImage convolve1D(const RVImage& image, const double* kernel, int size, bool horizontal) {
-  if (rowsApply(image, size))
-    return convolveRows(image, kernel, size, horizontal);
   RVImage out(image);
   if (size <= 0)
     return out;
@@ -298,7 +273,8 @@ RVImage enh_gaussian_filter_fast(const RVImage& image, int size, double sigma) {
     return RVImage(image);
   std::unique_ptr<double[]> kernel(new double[size]());
   generateGaussianKernel1D(size, sigma, kernel.get());
-  if (rowsApply(image, size))
+  if (kiwaPixelPath() == KiwaPixelPath::Fast && image.channels == 1 && image.width > 0 &&
+      image.height > 0)
     return gaussianRows(image, kernel.get(), size);
   // The horizontal pass is rounded to bytes before the vertical one.
   const RVImage tmp = convolve1D(image, kernel.get(), size, true);

@@ -82,11 +82,12 @@ int clampLevel(int n) {
   return std::min(255, std::max(0, n));
 }
 
-// One row of error diffusion in place, pixels [from, to): each pixel becomes
-// its level (0 or 1) once its error is handed on. The error a cell gets
-// depends only on the pixel's value, so it comes from a table. Cells off the
-// image are dropped, as the checked accessors drop them.
-template <const CxDiffusionKernel& K, bool kCheckX>
+// The edges of a row of error diffusion in place, pixels [from, to): each
+// pixel becomes its level (0 or 1) once its error is handed on. The error a
+// cell gets depends only on the pixel's value, so it comes from a table.
+// Cells left or right of the image are dropped, as the checked accessors
+// drop them.
+template <const CxDiffusionKernel& K>
 inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t width, int64_t from,
                         int64_t to) {
   uint8_t* row = rows[0];
@@ -97,7 +98,7 @@ inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t w
     for (int c = 0; c < K.cellCount; ++c) {
       uint8_t* target = rows[K.cells[c].dy];
       const int64_t nx = x + K.cells[c].dx;
-      if (kCheckX && (nx < 0 || nx >= width))
+      if (nx < 0 || nx >= width)
         continue;
       target[nx] = static_cast<uint8_t>(clampLevel(target[nx] + share[c][g]));
     }
@@ -170,9 +171,9 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
       rows[d] = y + d < height ? bits + (y + d) * stride : spare.data();
     const int64_t left = reach < width ? reach : width;
     const int64_t right = width - reach > left ? width - reach : left;
-    diffuseSpan<K, true>(rows, share, width, 0, left);
+    diffuseSpan<K>(rows, share, width, 0, left);
     diffuseWindow<K>(rows, share, left, right);
-    diffuseSpan<K, true>(rows, share, width, right, width);
+    diffuseSpan<K>(rows, share, width, right, width);
   }
 }
 

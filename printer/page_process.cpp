@@ -155,9 +155,7 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     pimage = &rvImage_;
   } else {
     // A page left gray would print every non-white byte as a dot.
-    if (fast) {
-      image_.Dither8(method);
-    } else if (!image_.Dither(method)) {
+    if (fast ? !image_.Dither8(method) : !image_.Dither(method)) {
       pageFailure_ = "Dither";
       return 0;
     }
