@@ -95,7 +95,7 @@ void halftone(benchmark::State& state, const Page& page, long method, KiwaPixelP
     state.PauseTiming();
     image.CreateFromArray(page.bytes.data(), page.width, page.height, 8, page.stride, false);
     state.ResumeTiming();
-    if (path == KiwaPixelPath::Fast) {
+    if (path != KiwaPixelPath::Reference) {
       image.Dither8(method);
     } else {
       image.Dither(method);
@@ -220,7 +220,9 @@ void registerAll(const std::vector<Page>& pages) {
   const struct {
     KiwaPixelPath path;
     const char* name;
-  } paths[] = {{KiwaPixelPath::Fast, "fast"}, {KiwaPixelPath::Reference, "reference"}};
+  } paths[] = {{KiwaPixelPath::Fast, "fast"},
+               {KiwaPixelPath::Baseline, "baseline"},
+               {KiwaPixelPath::Reference, "reference"}};
   for (const Page& page : pages) {
     for (const auto& p : paths) {
       const std::string tail = "/" + page.name + "/" + p.name;

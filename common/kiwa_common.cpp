@@ -139,6 +139,19 @@ KiwaPixelPath kiwaPixelPath() {
   return tPixelPath;
 }
 
+bool kiwaFastPixels() {
+  return tPixelPath != KiwaPixelPath::Reference;
+}
+
+bool kiwaWideVectors() {
+#if defined(__x86_64__) || defined(__i386__)
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  return tPixelPath == KiwaPixelPath::Fast && avx2;
+#else
+  return false;
+#endif
+}
+
 void KiwaFree::operator()(void* p) const {
   free(p);
 }

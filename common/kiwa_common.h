@@ -68,12 +68,17 @@ struct KiwaFree {
 };
 
 // Which code runs the pixel loops of the page: the row loops over raw
-// pointers (the default), or the straightforward per-pixel code they must
-// match byte for byte. Set per thread, so printers on other threads are not
-// affected.
-enum class KiwaPixelPath { Fast, Reference };
+// pointers with the widest vectors the processor has (the default), the same
+// loops with only the instructions every x86-64 has, or the straightforward
+// per-pixel code both must match byte for byte. Set per thread, so printers on
+// other threads are not affected.
+enum class KiwaPixelPath { Fast, Baseline, Reference };
 void kiwaSetPixelPath(KiwaPixelPath path);
 KiwaPixelPath kiwaPixelPath();
+// The row loops run (Fast or Baseline).
+bool kiwaFastPixels();
+// The row loops may use AVX2: Fast on a processor that has it.
+bool kiwaWideVectors();
 
 // Truncation toward zero that cannot trap: NaN, infinities and values no
 // 64-bit integer holds give 0.

@@ -26,7 +26,7 @@ bool CxImage::Lut(const uint8_t* table) {
     return false;
   const int64_t width = head_.biWidth;
   const int64_t height = head_.biHeight;
-  const bool rows = head_.biBitCount == 8 && kiwaPixelPath() == KiwaPixelPath::Fast;
+  const bool rows = head_.biBitCount == 8 && kiwaFastPixels();
   for (int64_t y = 0; y < height; ++y) {
     if (rows) {
       uint8_t* row = rowStart(y);
@@ -57,7 +57,7 @@ bool CxImage::Rotate180(CxImage* iDst) {
   target.CopyInfo(*this);
   target.Create(GetWidth(), GetHeight(), 8, info_.imageType);
   target.SetPalette(GetPalette(), GetNumColors());
-  const bool rows = head_.biBitCount == 8 && kiwaPixelPath() == KiwaPixelPath::Fast;
+  const bool rows = head_.biBitCount == 8 && kiwaFastPixels();
   if (target.IsValid()) {
     for (int64_t y = 0; y < height; ++y) {
       if (rows) {

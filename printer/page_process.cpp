@@ -76,7 +76,7 @@ void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int wi
 
 long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride, int width,
                               int height, unsigned char* out, size_t outSize) {
-  const bool fast = kiwaPixelPath() == KiwaPixelPath::Fast;
+  const bool fast = kiwaFastPixels();
   useRVDithering_ = isStencilType(halftoneType_);
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
                 useRVDithering_ ? "enabled" : "disabled");
@@ -200,7 +200,7 @@ int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
                 height, static_cast<int>(skip), wb);
 
   // Packed in place: every output byte lands at or before the byte being read.
-  const bool fast = kiwaPixelPath() == KiwaPixelPath::Fast;
+  const bool fast = kiwaFastPixels();
   size_t o = 0;
   for (int y = 0; y < height; ++y) {
     const unsigned char* row = buf + static_cast<size_t>(y) * rowBytes;

@@ -143,11 +143,14 @@ TEST(FastPaths, MatchTheReferenceByteForByte) {
       for (int method = 0; method < kHalftoneTypeCount; ++method) {
         const auto reference =
             printPage(KiwaPixelPath::Reference, dir + "/reference", shape, page, o, method);
-        const auto fast = printPage(KiwaPixelPath::Fast, dir + "/fast", shape, page, o, method);
         ASSERT_EQ(reference.size(), 4u) << "two debug images, a record and the image";
-        EXPECT_TRUE(fast == reference)
-            << shape.width << " x " << shape.height << " + " << shape.extraStride << ", " << o.name
-            << ", " << kiwaHalftoneTypeToStr(static_cast<DitherType>(method));
+        // With and without the instructions picked at run time.
+        for (KiwaPixelPath path : {KiwaPixelPath::Fast, KiwaPixelPath::Baseline}) {
+          EXPECT_TRUE(printPage(path, dir + "/fast", shape, page, o, method) == reference)
+              << shape.width << " x " << shape.height << " + " << shape.extraStride << ", "
+              << o.name << ", " << kiwaHalftoneTypeToStr(static_cast<DitherType>(method))
+              << (path == KiwaPixelPath::Fast ? "" : ", baseline");
+        }
         ++compared;
       }
     }
