@@ -97,8 +97,10 @@ OSTRA_INLINE void storeSixteen(const Ints4 (&v)[4], unsigned char* dst) {
 
 template <typename Four>
 OSTRA_INLINE void storeSixteen(const Ints4 (&v)[4], double* dst) {
-  for (int i = 0; i < 4; ++i)
-    Four::store(v[i], dst + 4 * i);
+  for (const Ints4& four : v) {
+    Four::store(four, dst);
+    dst += 4;
+  }
 }
 
 // One output row: dst[x] = round(sum over t of rows[t][x] * kernel[t]), as a

@@ -23,6 +23,7 @@ RVImage enh_unsharp_mask(const RVImage& image, float amountPercent, int size);
 
 // Error diffusion to 0/255 with the stencil kernel and thinned white runs.
 RVImage edf_cus(const RVImage& image, int threshold);
+// The stencil chain. A gray page may be taken over (left empty) by the fast path.
 RVImage rvTattooDithering(RVImage& image);
 RVImage rvTattooDitheringQ7(RVImage& image);
 

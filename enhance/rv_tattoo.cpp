@@ -42,13 +42,21 @@ bool isEmpty(const RVImage& image) {
   return static_cast<int32_t>(static_cast<uint32_t>(product)) <= 0;
 }
 
+// The chain's gray page. A gray input is taken over rather than copied: the
+// chain consumes what it is given.
+RVImage grayPage(RVImage& image) {
+  if (kiwaFastPixels() && image.color == RV_IMG_GRAY && image.channels == 1)
+    return RVImage(std::move(image));
+  return cvtGray(image);
+}
+
 RVImage stencil(RVImage& image, bool q7) {
   if (isEmpty(image))
     return RVImage(image);
   int t = 0;
   // The gray page is let go before the diffusion, which needs only the sharpened one.
   const RVImage sharp = [&] {
-    RVImage gray = cvtGray(image);
+    RVImage gray = grayPage(image);
     // Measured before the tone change; the first pipeline uses it only at the end.
     t = thresh_global_moments(gray);
     if (q7) {

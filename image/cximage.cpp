@@ -1,8 +1,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "image/cximage.h"
+
+#include "common/kiwa_common.h"
 
 namespace {
 
@@ -25,8 +28,13 @@ void CxImage::setError(const char* text) {
 }
 
 void* CxImage::Create(uint32_t dwWidth, uint32_t dwHeight, uint32_t wBpp, uint32_t imageType) {
-  if (!Destroy())
-    return nullptr;
+  // A block of the size the new image needs is cleared and kept: each page of
+  // a job would otherwise map and fault in a fresh one.
+  std::unique_ptr<uint8_t, KiwaFree> former(dib_);
+  const uint64_t formerBytes = dib_ != nullptr ? blockBytes_ : 0;
+  dib_ = nullptr;
+  pixelBytes_ = 0;
+  blockBytes_ = 0;
 
   if (dwWidth == 0 || dwHeight == 0) {
     setError("CxImage::Create : width and height must be greater than zero");
@@ -85,13 +93,20 @@ void* CxImage::Create(uint32_t dwWidth, uint32_t dwHeight, uint32_t wBpp, uint32
   const uint64_t reach = static_cast<uint64_t>(info_.effWidth) * (dwHeight - 1) + rowReach;
   pixelBytes_ = std::max<uint64_t>(head_.biSizeImage, reach);
   const uint64_t blockBytes = kHeaderSize + static_cast<uint64_t>(GetPaletteSize()) + pixelBytes_;
-  dib_ = static_cast<uint8_t*>(blockBytes <= SIZE_MAX ? calloc(1, blockBytes) : nullptr);
+  if (former && formerBytes == blockBytes) {
+    memset(former.get(), 0, blockBytes);
+    dib_ = former.release();
+  } else {
+    former.reset();
+    dib_ = static_cast<uint8_t*>(blockBytes <= SIZE_MAX ? calloc(1, blockBytes) : nullptr);
+  }
   if (dib_ == nullptr) {
     pixelBytes_ = 0;
     setError("CxImage::Create can't allocate memory");
     return nullptr;
   }
 
+  blockBytes_ = blockBytes;
   memcpy(dib_, &head_, kHeaderSize);
   info_.bits = dib_ + kHeaderSize + GetPaletteSize();
   return dib_;
@@ -129,6 +144,7 @@ bool CxImage::Destroy() {
     free(dib_);
     dib_ = nullptr;
     pixelBytes_ = 0;
+    blockBytes_ = 0;
   }
   return true;
 }
@@ -141,10 +157,12 @@ bool CxImage::Transfer(CxImage& from, bool /*transferFrames*/) {
   info_ = from.info_;
   dib_ = from.dib_;
   pixelBytes_ = from.pixelBytes_;
+  blockBytes_ = from.blockBytes_;
   memset(&from.head_, 0, sizeof(from.head_));
   memset(&from.info_, 0, sizeof(from.info_));
   from.dib_ = nullptr;
   from.pixelBytes_ = 0;
+  from.blockBytes_ = 0;
   return true;
 }
 

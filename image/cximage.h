@@ -145,6 +145,7 @@ class CxImage {
   Info info_;
   uint8_t* dib_;
   uint64_t pixelBytes_;
+  uint64_t blockBytes_ = 0;  // the whole allocation, header and palette included
 };
 
 #endif  // OSTRA_IMAGE_CXIMAGE_H

@@ -131,6 +131,10 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     try {
       RVImage source = staged ? RVImage(width, height, RV_IMG_GRAY, out)
                               : stencilSource(image_, width, height, stride);
+      // Nothing reads the gray page after this; a page less in memory while
+      // the chain runs.
+      if (!staged)
+        image_.Destroy();
       result =
           std::make_unique<RVImage>(halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source)
                                                                       : rvTattooDithering(source));
