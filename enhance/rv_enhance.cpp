@@ -159,15 +159,17 @@ void sumRows(const double* const* rows, const double* kernel, int taps, int w, O
 // Both passes without a page between them: the horizontal rows the vertical
 // pass needs are kept, as doubles, in a ring of `size` rows, each made once,
 // in order. Taps run -half .. half of an odd size; an even size stops one
-// short.
-RVImage gaussianRows(const RVImage& image, const double* kernel, int size) {
+// short. Each finished row goes to emit(y, row) once every horizontal row made
+// from source row y exists, so emit may overwrite that source row.
+template <typename Emit>
+void gaussianRows(const RVImage& image, const double* kernel, int size, Emit emit) {
   const int w = image.width;
   const int h = image.height;
   const int half = size / 2;
-  RVImage out(w, h, image.color);
   std::vector<double> padded(static_cast<size_t>(w) + 2 * static_cast<size_t>(half));
   std::vector<double> ring(static_cast<size_t>(size) * static_cast<size_t>(w));
   std::vector<const double*> taps(static_cast<size_t>(size));
+  std::vector<unsigned char> row(static_cast<size_t>(w));
   int made = 0;  // horizontal rows made so far
   auto rowAt = [&](int r) {
     for (; made <= r; ++made) {
@@ -186,27 +188,43 @@ RVImage gaussianRows(const RVImage& image, const double* kernel, int size) {
     rowAt(myClamp(y + size - 1 - half, 0, h - 1));
     for (int t = 0; t < size; ++t)
       taps[static_cast<size_t>(t)] = rowAt(myClamp(y + t - half, 0, h - 1));
-    sumRows(taps.data(), kernel, size, w, out.data + static_cast<int64_t>(y) * w);
+    sumRows(taps.data(), kernel, size, w, row.data());
+    emit(y, row.data());
   }
-  return out;
 }
 
-// add_Weighted into the blurred image itself: each result depends only on the
-// two bytes at its place, so all 65536 pairs are worked out once, with the
-// same single-precision steps.
-void sharpenInPlace(const RVImage& image, RVImage& blurred, float amount) {
-  std::vector<unsigned char> table(size_t{256} * 256);
-  for (int a = 0; a < 256; ++a) {
-    for (int b = 0; b < 256; ++b) {
-      const int v = my_round(static_cast<float>(a) * (1.0f + amount) +
-                             static_cast<float>(b) * -amount + 0.0f);
-      table[static_cast<size_t>(a) * 256 + b] = static_cast<unsigned char>(myClamp(v, 0, 255));
+std::unique_ptr<double[]> gaussianKernel(int size, double sigma) {
+  std::unique_ptr<double[]> kernel(new double[static_cast<size_t>(size)]());
+  generateGaussianKernel1D(size, sigma, kernel.get());
+  return kernel;
+}
+
+// The rows the fast paths take: one byte per pixel, at least one of them.
+bool rowsFit(const RVImage& image) {
+  return image.channels == 1 && image.width > 0 && image.height > 0;
+}
+
+// add_Weighted as a table: each result depends only on the two bytes at its
+// place, so all 65536 pairs are worked out once, with the same
+// single-precision steps.
+class SharpenTable {
+ public:
+  explicit SharpenTable(float amount) : table_(size_t{256} * 256) {
+    for (int a = 0; a < 256; ++a) {
+      for (int b = 0; b < 256; ++b) {
+        const int v = my_round(static_cast<float>(a) * (1.0f + amount) +
+                               static_cast<float>(b) * -amount + 0.0f);
+        table_[static_cast<size_t>(a) * 256 + b] = static_cast<unsigned char>(myClamp(v, 0, 255));
+      }
     }
   }
-  const int64_t n = pixelCount(image);
-  for (int64_t i = 0; i < n; ++i)
-    blurred.data[i] = table[static_cast<size_t>(image.data[i]) * 256 + blurred.data[i]];
-}
+  unsigned char operator()(unsigned char image, unsigned char blurred) const {
+    return table_[static_cast<size_t>(image) * 256 + blurred];
+  }
+
+ private:
+  std::vector<unsigned char> table_;
+};
 
 }  // namespace
 
@@ -336,10 +354,15 @@ RVImage convolve1D(const RVImage& image, const double* kernel, int size, bool ho
 RVImage enh_gaussian_filter_fast(const RVImage& image, int size, double sigma) {
   if (size <= 0)
     return RVImage(image);
-  std::unique_ptr<double[]> kernel(new double[size]());
-  generateGaussianKernel1D(size, sigma, kernel.get());
-  if (kiwaFastPixels() && image.channels == 1 && image.width > 0 && image.height > 0)
-    return gaussianRows(image, kernel.get(), size);
+  const std::unique_ptr<double[]> kernel = gaussianKernel(size, sigma);
+  if (kiwaFastPixels() && rowsFit(image)) {
+    RVImage out(image.width, image.height, image.color);
+    gaussianRows(image, kernel.get(), size, [&](int y, const unsigned char* row) {
+      memcpy(out.data + static_cast<int64_t>(y) * image.width, row,
+             static_cast<size_t>(image.width));
+    });
+    return out;
+  }
   // The horizontal pass is rounded to bytes before the vertical one.
   const RVImage tmp = convolve1D(image, kernel.get(), size, true);
   return convolve1D(tmp, kernel.get(), size, false);
@@ -406,8 +429,26 @@ RVImage enh_unsharp_mask(const RVImage& image, float amountPercent, int size) {
   const float k = static_cast<float>(amountPercent / 100.0);
   RVImage blurred = enh_gaussian_filter_fast(image, size, kUnsharpSigma);
   if (kiwaFastPixels() && image.channels == 1 && blurred.byteCount() == image.byteCount()) {
-    sharpenInPlace(image, blurred, k);
+    const SharpenTable sharpen(k);
+    const int64_t n = pixelCount(image);
+    for (int64_t i = 0; i < n; ++i)
+      blurred.data[i] = sharpen(image.data[i], blurred.data[i]);
     return blurred;
   }
   return add_Weighted(image, blurred, k);
+}
+
+RVImage enh_unsharp_mask(RVImage&& image, float amountPercent, int size) {
+  if (!kiwaFastPixels() || image.color != RV_IMG_GRAY || !rowsFit(image) || size <= 0)
+    return enh_unsharp_mask(static_cast<const RVImage&>(image), amountPercent, size);
+  // Each blurred row is sharpened into the page as soon as it is made.
+  const SharpenTable sharpen(static_cast<float>(amountPercent / 100.0));
+  const std::unique_ptr<double[]> kernel = gaussianKernel(size, kUnsharpSigma);
+  const int w = image.width;
+  gaussianRows(image, kernel.get(), size, [&](int y, const unsigned char* blurred) {
+    unsigned char* row = image.data + static_cast<int64_t>(y) * w;
+    for (int x = 0; x < w; ++x)
+      row[x] = sharpen(row[x], blurred[x]);
+  });
+  return std::move(image);
 }

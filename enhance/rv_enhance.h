@@ -20,9 +20,12 @@ void generateGaussianKernel(int size, double sigmaX, double sigmaY, double* kern
 RVImage enh_gaussian_filter(const RVImage& image, int size, double sigmaX, double sigmaY);
 RVImage add_Weighted(const RVImage& image, const RVImage& blurred, float amount);
 RVImage enh_unsharp_mask(const RVImage& image, float amountPercent, int size);
+// The same; a page handed over is sharpened in its own buffer where it can be.
+RVImage enh_unsharp_mask(RVImage&& image, float amountPercent, int size);
 
 // Error diffusion to 0/255 with the stencil kernel and thinned white runs.
 RVImage edf_cus(const RVImage& image, int threshold);
+RVImage edf_cus(RVImage&& image, int threshold);
 // The stencil chain. A gray page may be taken over (left empty) by the fast path.
 RVImage rvTattooDithering(RVImage& image);
 RVImage rvTattooDitheringQ7(RVImage& image);

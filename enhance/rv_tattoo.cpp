@@ -55,7 +55,7 @@ RVImage stencil(RVImage& image, bool q7) {
     return RVImage(image);
   int t = 0;
   // The gray page is let go before the diffusion, which needs only the sharpened one.
-  const RVImage sharp = [&] {
+  RVImage sharp = [&] {
     RVImage gray = grayPage(image);
     // Measured before the tone change; the first pipeline uses it only at the end.
     t = thresh_global_moments(gray);
@@ -64,9 +64,9 @@ RVImage stencil(RVImage& image, bool q7) {
     } else {
       enh_piecewise_gamma(gray, kFixedKnee, kToneGamma1, kToneGamma2);
     }
-    return enh_unsharp_mask(gray, kSharpenPercent, kSharpenSize);
+    return enh_unsharp_mask(std::move(gray), kSharpenPercent, kSharpenSize);
   }();
-  return edf_cus(sharp, t);
+  return edf_cus(std::move(sharp), t);
 }
 
 // One pixel of edf_cus: its level, then its error handed on to the taps that
@@ -235,6 +235,16 @@ RVImage edf_cus(const RVImage& image, int threshold) {
     }
   }
   return out;
+}
+
+// A page handed over is diffused in place: each pixel is read just before its
+// level is written, and only levels already written are read back.
+RVImage edf_cus(RVImage&& image, int threshold) {
+  if (!kiwaFastPixels() || image.color != RV_IMG_GRAY || image.channels != 1 ||
+      image.byteCount() <= 0)
+    return edf_cus(static_cast<const RVImage&>(image), threshold);
+  diffuseRows(image, static_cast<float>(threshold), image);
+  return std::move(image);
 }
 
 RVImage rvTattooDithering(RVImage& image) {
