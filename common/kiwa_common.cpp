@@ -21,11 +21,18 @@ const char* const kLogLevelWords[] = {"DEBUG:", "DEBUG:", "WARN:", "ERROR:", "CR
 constexpr int kLogLevelCount = sizeof(kLogLevelWords) / sizeof(kLogLevelWords[0]);
 
 FILE* sLogStream = nullptr;
+thread_local KiwaLogHandler tLogHandler = nullptr;
+thread_local void* tLogContext = nullptr;
 
 }  // namespace
 
 void kiwaLogSetStream(FILE* stream) {
   sLogStream = stream;
+}
+
+void kiwaLogSetHandler(KiwaLogHandler handler, void* context) {
+  tLogHandler = handler;
+  tLogContext = context;
 }
 
 void kiwaLogCommon(int level, const char* format, ...) {
@@ -60,6 +67,11 @@ void kiwaLogCommon(int level, const char* format, ...) {
   }
   va_end(again);
   const size_t used = line == stackLine && total > sizeof(stackLine) ? sizeof(stackLine) : total;
+  if (tLogHandler != nullptr) {
+    line[used - 1] = '\0';
+    tLogHandler(tLogContext, level, line);
+    return;
+  }
   line[used - 1] = '\n';
   fwrite(line, used, 1, out);
   fflush(out);

@@ -42,6 +42,11 @@ void kiwaLogCommon(int level, const char* format, ...) __attribute__((format(pri
 // Redirects the log to another stream (null restores standard error). Lets a
 // second front end or a test collect the lines without touching fd 2.
 void kiwaLogSetStream(FILE* stream);
+// Hands this thread's lines (level word and message, no newline) to `handler`
+// instead; null goes back to the stream. A front end that runs each job on its
+// own thread sends each job's lines to that job's log.
+using KiwaLogHandler = void (*)(void* context, int level, const char* line);
+void kiwaLogSetHandler(KiwaLogHandler handler, void* context);
 
 const char* kiwaHalftoneTypeToStr(DitherType type);
 DitherType kiwaHalftoneTypeFromStr(const char* name);

@@ -25,20 +25,6 @@ namespace {
 constexpr int kMinArgs = 6;  // program job_id user title copies options
 constexpr int kFileArg = 6;  // optional input file
 constexpr float kMinPaperMm = 1.0f;
-constexpr double kMmPerInch = 25.4;
-// The largest page header accepted, checked before anything is allocated.
-// The widest media the head covers is 8.5 in (MaxMediaWidth 612 pt), 2550
-// dots at 300 dpi, the highest resolution the PPD offers; the longest page is
-// a continuous label. Each limit leaves room to spare, and the height keeps
-// every count of the page record within its 16 bits.
-constexpr uint32_t kMaxPageWidthDots = 4096;    // 13.6 in at 300 dpi
-constexpr uint32_t kMaxPageHeightDots = 32767;  // 2.77 m at 300 dpi
-constexpr uint32_t kMaxResolutionDpi = 1200;    // four times the highest offered
-
-struct HeaderField {
-  const char* name;
-  uint32_t value, low, high;
-};
 
 // Set by SIGTERM, which is how CUPS cancels a job.
 volatile sig_atomic_t sCancelRequested = 0;
@@ -112,23 +98,6 @@ int enumValue(const Enum& field) {
   return value;
 }
 
-// The first field outside what this printer can take; all fit when its name
-// is null.
-HeaderField badHeaderField(const cups_page_header2_t& h) {
-  const HeaderField fields[] = {
-      {"cupsWidth", h.cupsWidth, 1, kMaxPageWidthDots},
-      {"cupsHeight", h.cupsHeight, 1, kMaxPageHeightDots},
-      {"cupsBytesPerLine", h.cupsBytesPerLine, h.cupsWidth, kMaxPageWidthDots},
-      {"HWResolution[0]", h.HWResolution[0], 1, kMaxResolutionDpi},
-      {"HWResolution[1]", h.HWResolution[1], 1, kMaxResolutionDpi},
-  };
-  for (const HeaderField& f : fields) {
-    if (f.value < f.low || f.value > f.high)
-      return f;
-  }
-  return HeaderField{nullptr, 0, 0, 0};
-}
-
 void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[0]:%d\n", static_cast<int>(h.HWResolution[0]));
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.HWResolution[1]:%d", static_cast<int>(h.HWResolution[1]));
@@ -146,23 +115,6 @@ void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowStep:%d", static_cast<int>(h.cupsRowStep));
 }
 
-// The raster page fixes the real page size; the media width kept in
-// millimetres becomes dots at this page's resolution.
-void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float maxMediaWidthMm,
-                        const char* jobId) {
-  settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
-  settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
-  settings->MaxMediaWidth = static_cast<float>(maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
-  // A PPD claiming media wider than any page would centre each row in a
-  // margin of gigabytes.
-  if (settings->MaxMediaWidth > static_cast<float>(kMaxPageWidthDots))
-    settings->MaxMediaWidth = static_cast<float>(kMaxPageWidthDots);
-  // strncpy semantics: an id of 20 characters or more fills the field with no
-  // terminator.
-  const size_t idLen = strnlen(jobId, sizeof(settings->JobId));
-  memset(settings->JobId, 0, sizeof(settings->JobId));
-  memcpy(settings->JobId, jobId, idLen);
-}
 
 }  // namespace
 
@@ -238,7 +190,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)
       break;
 
-    const HeaderField bad = badHeaderField(header);
+    const OstraHeaderField bad = ostraBadHeaderField(header);
     if (bad.name != nullptr) {
       kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported page header: %s is %u, must be %u to %u", bad.name,
                     bad.value, bad.low, bad.high);
@@ -258,24 +210,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     page.reset(static_cast<unsigned char*>(grown));
     memset(page.get(), 0, pageSize);
 
-    updatePageSettings(&settings, header, maxMediaWidthMm, argv[1]);
-    kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings.pageWidth,
-                  settings.pageHeight);
-
-    printer->setPageHeader(&header);
-    printer->setBrightness(settings.Brightness);
-    printer->setVBarcodeOpt(settings.VBarcodeOpt);
-    printer->setPrintSpeed(settings.PrintSpeed);
-    printer->setPrintDensity(settings.Darkness);
-    printer->setHalftoneType(settings.halftoneType);
-    printer->setMirrorPrint(settings.MirrorImage != 0);
-    printer->setNegativePrint(settings.NegativeImage != 0);
-    printer->SetPrintWidth(static_cast<long>(kiwaTruncate(settings.MaxMediaWidth)));
-
-    // Once per page: every page reloads the counter and resends the settings,
-    // which reach the backend before the page's record appears.
-    jobSetup(printer.get(), &settings);
-    printer->flushOutput();
+    beginPage(printer.get(), &settings, &header, maxMediaWidthMm, argv[1]);
 
     ++pageCount;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));

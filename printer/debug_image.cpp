@@ -25,7 +25,7 @@ void put32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
 
 void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine,
                             unsigned long height, unsigned long width, unsigned short bpp) {
-  if (data == nullptr)
+  if (data == nullptr || !paths_.debugImages)
     return;
   const time_t now = time(nullptr);
   struct tm local;

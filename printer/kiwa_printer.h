@@ -19,6 +19,7 @@
 struct PrinterPaths {
   std::string spoolDir = "/var/spool/cups/tmp/otv6data";  // page records, page counters
   std::string imageDir = "/var/spool/cups/tmp";           // debug BMP files
+  bool debugImages = true;  // the BMPs of each page before and after processing
 };
 
 // What lives for the whole process rather than per printer object: the
