@@ -2,7 +2,7 @@
 # Static analysis of the product code: clang-tidy (checks in .clang-tidy) and
 # cppcheck (warning, performance, portability) over every source file of the
 # plain build's compile_commands.json under filter/ common/ printer/ image/
-# enhance/ tools/. Fails on any finding that scripts/analysis-suppressions.txt
+# enhance/ tools/ app/. Fails on any finding that scripts/analysis-suppressions.txt
 # does not list, and on any listed suppression that no longer matches.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,7 +19,7 @@ test -f "$db"
 
 # The product sources, in the order the build lists them.
 grep -o '"file": *"[^"]*"' "$db" | sed 's/^"file": *"//; s/"$//' |
-  grep -E "^$PWD/(filter|common|printer|image|enhance|tools)/" > "$out/files"
+  grep -E "^$PWD/(filter|common|printer|image|enhance|tools|app)/" > "$out/files"
 test -s "$out/files"
 
 echo "== cppcheck"

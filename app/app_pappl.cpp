@@ -1,0 +1,358 @@
+#include <pappl/pappl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "app/ostra_app.h"
+
+namespace {
+
+constexpr char kVersion[] = "1.0.0";
+constexpr char kFooter[] =
+    "Ostra label and tattoo stencil printer application. Pages print through the same "
+    "page pipeline as the CUPS filter rastertoostra.";
+constexpr int kHundredthsMmPerInch = 2540;
+
+pappl_pr_driver_t kDrivers[] = {
+    {"ostra_203", "Kiwa Ostra 203 dpi", "MFG:Kiwa;MDL:Ostra;CMD:OSTRA;", nullptr},
+    {"ostra_300", "Kiwa Ostra 300 dpi", "MFG:Kiwa;MDL:Ostra 300;CMD:OSTRA;", nullptr},
+};
+
+// What the web page shows for the vendor options. The halftone names run one
+// place ahead of the methods, so each label says what really runs.
+constexpr char kStrings[] = R"strings("halftone-type" = "Halftone method";
+"halftone-type.none" = "None (threshold)";
+"halftone-type.floyd-steinberg" = "FloydSteinberg (runs a 4 x 4 ordered matrix)";
+"halftone-type.ordered" = "Ordered (runs Burkes diffusion)";
+"halftone-type.burkes" = "Burkes (runs Stucki diffusion)";
+"halftone-type.stucki" = "Stucki (runs Jarvis, Judice and Ninke diffusion)";
+"halftone-type.jarvis-judice-ninke" = "Jarvis, Judice and Ninke (runs Sierra diffusion)";
+"halftone-type.sierra" = "Sierra (runs Stevenson and Arce diffusion)";
+"halftone-type.stevenson-arce" = "StevensonArce (runs a generated ordered matrix)";
+"halftone-type.tattoo" = "Tattoo stencil";
+"halftone-type.tattoo-q7" = "Tattoo stencil Q7";
+"mirror-image" = "Mirror image";
+"negative-image" = "Negative image";
+"brightness" = "Brightness";
+"gap-height" = "Gap between labels (mm)";
+"barcode-thinning" = "Barcode bar thinning";
+"barcode-thinning.off" = "Off";
+"barcode-thinning.rows" = "Dash long lines, trim row edges";
+"barcode-thinning.columns" = "Dash long lines, trim column ends";
+)strings";
+
+// One printer's own state: jobs of different printers run on different
+// threads, each with its own counter and command templates.
+struct AppPrinter {
+  PrinterState state;
+  PrinterPaths paths;
+};
+
+// One job in progress; its log lines go to the job's log.
+struct AppJobData {
+  std::unique_ptr<FILE, int (*)(FILE*)> device{nullptr, fclose};
+  std::unique_ptr<AppJob> job;
+};
+
+ssize_t deviceWrite(void* cookie, const char* data, size_t size) {
+  return papplDeviceWrite(static_cast<pappl_device_t*>(cookie), data, size);
+}
+
+// The printer's device as a stream, so the setting block goes out through the
+// same streams the filter writes to.
+FILE* openDevice(pappl_device_t* device) {
+  cookie_io_functions_t io{};
+  io.write = deviceWrite;
+  return fopencookie(device, "w", io);
+}
+
+void jobLog(void* context, int level, const char* line) {
+  const pappl_loglevel_t papplLevel = level <= KIWA_LOG_DEBUG  ? PAPPL_LOGLEVEL_DEBUG
+                                      : level == KIWA_LOG_WARN ? PAPPL_LOGLEVEL_WARN
+                                                               : PAPPL_LOGLEVEL_ERROR;
+  papplLogJob(static_cast<pappl_job_t*>(context), papplLevel, "%s", line);
+}
+
+AppJobData* jobData(pappl_job_t* job) {
+  return static_cast<AppJobData*>(papplJobGetData(job));
+}
+
+// The job's values: its own, else the printer's defaults (PAPPL fills the
+// standard ones; vendor defaults are looked up here), else the PPD defaults.
+AppJobValues jobValues(pappl_job_t* job, const pappl_pr_options_t* options) {
+  AppJobValues v;
+  if (options->media.size_name[0] != '\0')
+    v.media = options->media.size_name;
+  if (options->media.tracking & PAPPL_MEDIA_TRACKING_MARK)
+    v.tracking = "mark";
+  else if (options->media.tracking & PAPPL_MEDIA_TRACKING_CONTINUOUS)
+    v.tracking = "continuous";
+  v.darknessConfigured = options->darkness_configured;
+  v.printDarkness = options->print_darkness;
+  if (options->print_speed > 0)
+    v.printSpeed = options->print_speed;
+  if (options->printer_resolution[0] > 0)
+    v.resolution = options->printer_resolution[0];
+  for (int i = 0; i < options->num_vendor; ++i)
+    v.vendor[options->vendor[i].name] = options->vendor[i].value;
+  ipp_t* defaults = papplPrinterGetDriverAttributes(papplJobGetPrinter(job));
+  for (const AppVendorOption& o : appVendorOptions()) {
+    if (v.vendor.count(o.ipp) != 0)
+      continue;
+    const std::string name = std::string(o.ipp) + "-default";
+    ipp_attribute_t* attr = ippFindAttribute(defaults, name.c_str(), IPP_TAG_ZERO);
+    char text[256];
+    if (attr != nullptr && ippAttributeString(attr, text, sizeof(text)) > 0)
+      v.vendor[o.ipp] = text;
+  }
+  ippDelete(defaults);
+  return v;
+}
+
+bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device) {
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  pappl_pr_driver_data_t data;
+  papplPrinterGetDriverData(printer, &data);
+  auto* own = static_cast<AppPrinter*>(data.extension);
+  auto jd = std::make_unique<AppJobData>();
+  jd->device.reset(openDevice(device));
+  if (own == nullptr || !jd->device) {
+    papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Unable to start the job: %s", strerror(errno));
+    return false;
+  }
+  kiwaLogSetHandler(jobLog, job);
+  const Settings settings = appJobSettings(jobValues(job, options), papplPrinterGetName(printer));
+  jd->job = std::make_unique<AppJob>(own->state, own->paths, settings, papplJobGetID(job),
+                                     jd->device.get());
+  jd->job->printer().setCancelCheck([job] { return papplJobIsCanceled(job); });
+  papplJobSetData(job, jd.release());
+  return true;
+}
+
+bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device,
+               unsigned /*page*/) {
+  AppJobData* jd = jobData(job);
+  if (jd == nullptr)
+    return false;
+  const AppMedia* media = appMediaByPwg(options->media.size_name);
+  const char* problem = jd->job->startPage(options->header, media != nullptr ? media->ppd : "");
+  if (problem != nullptr) {
+    papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Page not printed: %s.", problem);
+    return false;
+  }
+  papplDeviceFlush(device);
+  return true;
+}
+
+bool writeLine(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* /*device*/,
+               unsigned y, const unsigned char* line) {
+  AppJobData* jd = jobData(job);
+  if (jd == nullptr)
+    return false;
+  jd->job->writeRow(y, line);
+  return true;
+}
+
+// PAPPL pads a cancelled page with white and still ends it: such a page
+// leaves no record.
+bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* device,
+             unsigned /*page*/) {
+  AppJobData* jd = jobData(job);
+  if (jd == nullptr)
+    return false;
+  const bool kept = jd->job->endPage(papplJobIsCanceled(job));
+  papplDeviceFlush(device);
+  return kept;
+}
+
+bool endJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* device) {
+  std::unique_ptr<AppJobData> jd(jobData(job));
+  papplJobSetData(job, nullptr);
+  const bool stored = jd && jd->job->end();
+  jd.reset();
+  papplDeviceFlush(device);
+  kiwaLogSetHandler(nullptr, nullptr);
+  return stored;
+}
+
+void deletePrinter(pappl_printer_t* /*printer*/, pappl_pr_driver_data_t* data) {
+  delete static_cast<AppPrinter*>(data->extension);
+  data->extension = nullptr;
+}
+
+void addVendorAttributes(ipp_t* attrs) {
+  for (const AppVendorOption& o : appVendorOptions()) {
+    const std::string supported = std::string(o.ipp) + "-supported";
+    const std::string byDefault = std::string(o.ipp) + "-default";
+    if (o.isBoolean) {
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, supported.c_str(), 1);
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, byDefault.c_str(), o.defaultValue == "true" ? 1 : 0);
+    } else if (o.isInteger) {
+      ipp_attribute_t* attr =
+          ippAddIntegers(attrs, IPP_TAG_PRINTER, IPP_TAG_INTEGER, supported.c_str(),
+                         static_cast<int>(o.values.size()), nullptr);
+      for (size_t i = 0; i < o.values.size(); ++i)
+        ippSetInteger(attrs, &attr, static_cast<int>(i), atoi(o.values[i].c_str()));
+      ippAddInteger(attrs, IPP_TAG_PRINTER, IPP_TAG_INTEGER, byDefault.c_str(),
+                    atoi(o.defaultValue.c_str()));
+    } else {
+      std::vector<const char*> values;
+      for (const std::string& value : o.values)
+        values.push_back(value.c_str());
+      ippAddStrings(attrs, IPP_TAG_PRINTER, IPP_TAG_KEYWORD, supported.c_str(),
+                    static_cast<int>(values.size()), nullptr, values.data());
+      ippAddString(attrs, IPP_TAG_PRINTER, IPP_TAG_KEYWORD, byDefault.c_str(), nullptr,
+                   o.defaultValue.c_str());
+    }
+  }
+}
+
+void setMedia(pappl_media_col_t& col, const char* name) {
+  memset(&col, 0, sizeof(col));
+  snprintf(col.size_name, sizeof(col.size_name), "%s", name);
+  if (pwg_media_t* pwg = pwgMediaForPWG(name)) {
+    col.size_width = pwg->width;
+    col.size_length = pwg->length;
+  }
+  snprintf(col.source, sizeof(col.source), "main-roll");
+  snprintf(col.type, sizeof(col.type), "labels");
+  col.tracking = PAPPL_MEDIA_TRACKING_GAP;
+}
+
+bool driverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*uri*/,
+                    const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs,
+                    void* context) {
+  const int dpi = strcmp(driverName, "ostra_203") == 0   ? 203
+                  : strcmp(driverName, "ostra_300") == 0 ? 300
+                                                         : 0;
+  if (dpi == 0)
+    return false;
+  const AppConfig* config = static_cast<const AppConfig*>(context);
+  auto* own = new AppPrinter;
+  own->paths.spoolDir = config->pageDirectory;
+  own->paths.imageDir = config->imageDirectory;
+  own->paths.debugImages = config->debugImages;
+  data->extension = own;
+  data->delete_cb = deletePrinter;
+  data->rstartjob_cb = startJob;
+  data->rstartpage_cb = startPage;
+  data->rwriteline_cb = writeLine;
+  data->rendpage_cb = endPage;
+  data->rendjob_cb = endJob;
+
+  snprintf(data->make_and_model, sizeof(data->make_and_model), "Kiwa Ostra %d dpi", dpi);
+  data->ppm = 10;
+  data->kind = PAPPL_KIND_LABEL;
+  data->color_supported = PAPPL_COLOR_MODE_MONOCHROME;
+  data->color_default = PAPPL_COLOR_MODE_MONOCHROME;
+  // 8-bit only: a client's 1-bit page would reach the pipeline unconverted.
+  data->raster_types = PAPPL_PWG_RASTER_TYPE_BLACK_8 | PAPPL_PWG_RASTER_TYPE_SGRAY_8;
+  data->num_resolution = 1;
+  data->x_resolution[0] = data->y_resolution[0] = dpi;
+  data->x_default = data->y_default = dpi;
+  data->left_right = data->bottom_top = 0;
+
+  data->num_media = 0;
+  for (size_t i = 0; i < kAppMediaCount; ++i)
+    data->media[data->num_media++] = kAppMedia[i].pwg;
+  data->media[data->num_media++] = kAppRollMin;
+  data->media[data->num_media++] = kAppRollMax;
+  setMedia(data->media_default, kAppMedia[0].pwg);
+  data->num_source = 1;
+  data->source[0] = "main-roll";
+  data->media_ready[0] = data->media_default;
+  data->tracking_supported =
+      PAPPL_MEDIA_TRACKING_GAP | PAPPL_MEDIA_TRACKING_MARK | PAPPL_MEDIA_TRACKING_CONTINUOUS;
+  data->num_type = 2;
+  data->type[0] = "labels";
+  data->type[1] = "continuous";
+
+  // Three darkness levels, Middle by default; speeds 2 to 6 in/s, 4 by default.
+  data->darkness_supported = 3;
+  data->darkness_configured = 50;
+  data->darkness_default = 0;
+  data->speed_supported[0] = 2 * kHundredthsMmPerInch;
+  data->speed_supported[1] = 6 * kHundredthsMmPerInch;
+  data->speed_default = 4 * kHundredthsMmPerInch;
+
+  data->num_vendor = 0;
+  for (const AppVendorOption& o : appVendorOptions())
+    data->vendor[data->num_vendor++] = o.ipp;
+  if (*attrs == nullptr)
+    *attrs = ippNew();
+  addVendorAttributes(*attrs);
+  return true;
+}
+
+pappl_loglevel_t logLevel(const char* value) {
+  if (value == nullptr)
+    return PAPPL_LOGLEVEL_WARN;
+  static const struct {
+    const char* name;
+    pappl_loglevel_t level;
+  } kLevels[] = {{"fatal", PAPPL_LOGLEVEL_FATAL},
+                 {"error", PAPPL_LOGLEVEL_ERROR},
+                 {"warn", PAPPL_LOGLEVEL_WARN},
+                 {"info", PAPPL_LOGLEVEL_INFO},
+                 {"debug", PAPPL_LOGLEVEL_DEBUG}};
+  for (const auto& l : kLevels) {
+    if (strcmp(value, l.name) == 0)
+      return l.level;
+  }
+  return PAPPL_LOGLEVEL_WARN;
+}
+
+std::string defaultSpoolDirectory() {
+  if (getuid() == 0)
+    return "/var/spool/ostra-printer-app";
+  const char* tmp = getenv("TMPDIR");
+  return std::string(tmp != nullptr ? tmp : "/tmp") + "/ostra-printer-app" +
+         std::to_string(getuid()) + ".d";
+}
+
+pappl_system_t* systemCallback(int numOptions, cups_option_t* options, void* data) {
+  return appCreateSystem(numOptions, options, static_cast<AppConfig*>(data));
+}
+
+}  // namespace
+
+pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config) {
+  auto option = [&](const char* name) { return cupsGetOption(name, numOptions, options); };
+  if (const char* dir = option("page-directory"))
+    config->pageDirectory = dir;
+  if (const char* dir = option("image-directory"))
+    config->imageDirectory = dir;
+  if (const char* on = option("debug-images"))
+    config->debugImages = strcmp(on, "true") == 0 || strcmp(on, "yes") == 0 || strcmp(on, "1") == 0;
+
+  const char* spool = option("spool-directory");
+  const std::string spoolDir = spool != nullptr ? spool : defaultSpoolDirectory();
+  const char* port = option("server-port");
+  pappl_system_t* system = papplSystemCreate(
+      PAPPL_SOPTIONS_MULTI_QUEUE | PAPPL_SOPTIONS_WEB_INTERFACE, "ostra-printer-app",
+      port != nullptr ? atoi(port) : 0, "_print,_universal", spoolDir.c_str(), option("log-file"),
+      logLevel(option("log-level")), option("auth-service"), false);
+  if (system == nullptr)
+    return nullptr;
+  if (const char* group = option("admin-group"))
+    papplSystemSetAdminGroup(system, group);
+  if (option("private-server") == nullptr)
+    papplSystemAddListeners(system, option("listen-hostname"));
+  // Without a footer PAPPL's web pages fail.
+  papplSystemSetFooterHTML(system, kFooter);
+  papplSystemAddStringsData(system, "/en.strings", "en", kStrings);
+  papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
+                               kDrivers, nullptr, nullptr, driverCallback, config);
+  return system;
+}
+
+int appMain(int argc, char* argv[]) {
+  static AppConfig config;
+  return papplMainloop(argc, argv, kVersion, kFooter,
+                       static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])), kDrivers, nullptr,
+                       driverCallback, nullptr, nullptr, systemCallback, nullptr, &config);
+}

@@ -1,0 +1,5 @@
+#include "app/ostra_app.h"
+
+int main(int argc, char* argv[]) {
+  return appMain(argc, argv);
+}

@@ -1,0 +1,119 @@
+// The printer application's side of the page core: IPP job values become the
+// job's settings, and a job's ink rows become setting blocks and page records.
+#ifndef OSTRA_APP_OSTRA_APP_H
+#define OSTRA_APP_OSTRA_APP_H
+
+#include <cups/raster.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/settings.h"
+#include "printer/ostra_printer.h"
+
+// A media size of the printer: its PWG self-describing name, the page size
+// name the PPD driver uses for it, and its size in points.
+struct AppMedia {
+  const char* pwg;
+  const char* ppd;
+  double widthPt, lengthPt;
+};
+// The sizes of the shipped PPD, in its order; the first is the default.
+extern const AppMedia kAppMedia[];
+extern const size_t kAppMediaCount;
+// Custom roll sizes run from 0.25 x 0.25 in up to the head width (8.5 in) by
+// 100 in.
+extern const char* const kAppRollMin;
+extern const char* const kAppRollMax;
+const AppMedia* appMediaByPwg(const std::string& pwg);
+
+// A vendor option of the application: its IPP name, the PPD option behind it,
+// its values (IPP keyword or integer text) and the PPD default.
+struct AppVendorOption {
+  const char* ipp;
+  const char* ppd;
+  std::vector<std::string> values;
+  std::string defaultValue;
+  bool isBoolean, isInteger;
+};
+const std::vector<AppVendorOption>& appVendorOptions();
+
+// What one job asks for, as the application reads it from IPP; each value is
+// the job's own, else the printer's default, else the PPD default.
+struct AppJobValues {
+  std::string media = "oe_4x6-label_4x6in";   // PWG name; a custom size keeps its name
+  std::string tracking = "gap";               // media-tracking: gap, mark or continuous
+  int darknessConfigured = 50;                // printer-darkness-configured, 0..100
+  int printDarkness = 0;                      // print-darkness, -100..100
+  int printSpeed = 4 * 2540;                  // print-speed, hundredths of mm per second
+  int resolution = 203;                       // dots per inch
+  std::map<std::string, std::string> vendor;  // IPP name to value; missing ones default
+};
+
+// The three darkness levels of the printer from the configured darkness plus
+// the job's adjustment: 0 Light, 1 Middle, 2 Dark.
+int appDarknessLevel(int configured, int adjustment);
+// The printer's speed, 2 to 6 inches per second, from print-speed.
+int appSpeedInches(int printSpeed);
+
+// The job's settings record, as the filter's PPD and options would make it.
+// The printer name becomes part of the page counter's file name.
+Settings appJobSettings(const AppJobValues& values, const std::string& printerName);
+
+// The media width of the head, in millimetres, as the PPD states it.
+float appMaxMediaWidthMm();
+
+// One job on one printer, fed row by row. The setting block of each page goes
+// to `device`; the page records and the counter go to the printer's page
+// directory, written as the filter writes them.
+class AppJob {
+ public:
+  AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
+         FILE* device);
+  AppJob(const AppJob&) = delete;
+  AppJob& operator=(const AppJob&) = delete;
+
+  // Null when the page can be printed, else why not. The header is the
+  // client's; its page size name is replaced by the PPD's for `ppdPageSize`.
+  const char* startPage(const cups_page_header2_t& header, const char* ppdPageSize);
+  // One row of the page as it arrived: 8-bit black (0 no ink) or 8-bit gray
+  // (0 black), as the page header says.
+  void writeRow(unsigned y, const unsigned char* row);
+  // Prints the page unless the job was cancelled; false when it could not be
+  // kept (no memory, a full disk).
+  bool endPage(bool canceled);
+  // Stores the page counter after the last page.
+  bool end();
+
+  OstraPrinter& printer() { return printer_; }
+
+ private:
+  Settings settings_;
+  std::string jobId_;
+  OstraPrinter printer_;
+  cups_page_header2_t header_{};
+  std::vector<unsigned char> page_;
+  bool gray_ = false;
+};
+
+// The PAPPL side. What the application is started with, beyond PAPPL's own
+// options.
+struct AppConfig {
+  std::string pageDirectory = PrinterPaths().spoolDir;  // page records and counters
+  std::string imageDirectory = PrinterPaths().imageDir;
+  bool debugImages = false;
+};
+
+typedef struct _pappl_system_s pappl_system_t;
+// The drivers, one per resolution, and the system with them: options are
+// papplMainloop's (log-level, log-file, spool-directory, server-port,
+// listen-hostname, private-server) plus page-directory, image-directory and
+// debug-images.
+pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config);
+// The printer application's main: papplMainloop with the drivers above.
+int appMain(int argc, char* argv[]);
+
+#endif  // OSTRA_APP_OSTRA_APP_H
