@@ -115,7 +115,6 @@ void logPageHeader(const cups_page_header2_t& h) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "header.cupsRowStep:%d", static_cast<int>(h.cupsRowStep));
 }
 
-
 }  // namespace
 
 int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
