@@ -1,0 +1,222 @@
+// The printer application running in this process, on a private domain
+// socket with a file device and its own page directory: what it answers over
+// IPP, and the page records its jobs leave.
+#include <cups/cups.h>
+#include <cups/raster.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pappl/pappl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/ostra_app.h"
+#include "tests/support/filter_runner.h"
+#include "tests/support/raster_writer.h"
+#include "tools/page_record.h"
+
+namespace {
+
+constexpr char kPrinterUri[] = "ipp://localhost/ipp/print/ostra";
+constexpr char kResource[] = "/ipp/print/ostra";
+constexpr char kMedia[] = "oe_2x1-label_2x1in";
+
+// A page of ink (0 none) the size of kMedia at 203 dpi, written as a PWG
+// raster in black (ink as is) or sGray (0 black).
+TestPage writePwg(const std::string& path, bool gray) {
+  cups_page_header2_t h;
+  cupsRasterInitPWGHeader(&h, pwgMediaForPWG(kMedia), gray ? "sgray_8" : "black_8", 203, 203,
+                          "one-sided", nullptr);
+  TestPage ink = makePhotoPage(h.cupsWidth, h.cupsHeight);
+  ink.header = h;
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  cups_raster_t* ras = cupsRasterOpen(fd, CUPS_RASTER_WRITE_PWG);
+  cupsRasterWriteHeader2(ras, &h);
+  std::vector<unsigned char> bytes = ink.pixels;
+  for (unsigned char& b : bytes)
+    b = gray ? static_cast<unsigned char>(255 - b) : b;
+  cupsRasterWritePixels(ras, bytes.data(), static_cast<unsigned>(bytes.size()));
+  cupsRasterClose(ras);
+  close(fd);
+  return ink;
+}
+
+class Client {
+ public:
+  explicit Client(const std::string& socket) {
+    for (int i = 0; i < 100 && http_ == nullptr; ++i) {
+      http_ = httpConnect2(socket.c_str(), 0, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_NEVER, 1, 1000,
+                           nullptr);
+      if (http_ == nullptr)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  }
+  ~Client() { httpClose(http_); }
+  bool connected() const { return http_ != nullptr; }
+
+  ipp_t* request(ipp_op_t op) {
+    ipp_t* r = ippNewRequest(op);
+    ippAddString(r, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, kPrinterUri);
+    ippAddString(r, IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", nullptr, "test");
+    return r;
+  }
+  ipp_t* send(ipp_t* r, const std::string& file = "") {
+    return file.empty() ? cupsDoRequest(http_, r, kResource)
+                        : cupsDoFileRequest(http_, r, kResource, file.c_str());
+  }
+
+  // Prints `file` with the vendor option `name`=`value`; the job's id once it
+  // has ended, 0 if it did not complete.
+  int print(const std::string& file, const char* format, const char* name, const char* value) {
+    ipp_t* r = request(IPP_OP_PRINT_JOB);
+    ippAddString(r, IPP_TAG_OPERATION, IPP_TAG_NAME, "job-name", nullptr,
+                 file.substr(file.rfind('/') + 1).c_str());
+    ippAddString(r, IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", nullptr, format);
+    ippAddString(r, IPP_TAG_JOB, IPP_TAG_KEYWORD, "media", nullptr, kMedia);
+    if (strcmp(value, "true") == 0)
+      ippAddBoolean(r, IPP_TAG_JOB, name, 1);
+    else
+      ippAddString(r, IPP_TAG_JOB, IPP_TAG_KEYWORD, name, nullptr, value);
+    ipp_t* response = send(r, file);
+    const int id = ippGetInteger(ippFindAttribute(response, "job-id", IPP_TAG_INTEGER), 0);
+    ippDelete(response);
+    for (int i = 0; id > 0 && i < 600; ++i) {
+      ipp_t* q = request(IPP_OP_GET_JOB_ATTRIBUTES);
+      ippAddInteger(q, IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", id);
+      ipp_t* a = send(q);
+      const int state = ippGetInteger(ippFindAttribute(a, "job-state", IPP_TAG_ENUM), 0);
+      ippDelete(a);
+      if (state >= IPP_JSTATE_CANCELED)
+        return state == IPP_JSTATE_COMPLETED ? id : 0;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return 0;
+  }
+
+ private:
+  http_t* http_ = nullptr;
+};
+
+std::set<std::string> valuesOf(ipp_t* response, const char* name) {
+  std::set<std::string> values;
+  ipp_attribute_t* attr = ippFindAttribute(response, name, IPP_TAG_ZERO);
+  for (int i = 0; i < ippGetCount(attr); ++i) {
+    const char* s = ippGetString(attr, i, nullptr);
+    values.insert(s != nullptr ? s : std::to_string(ippGetInteger(attr, i)));
+  }
+  return values;
+}
+
+PageRecord recordOf(const std::string& path) {
+  const std::string file = readFile(path);
+  PageRecord record;
+  std::string error;
+  EXPECT_TRUE(decodePageRecord({file.begin(), file.end()}, &record, &error)) << path << error;
+  return record;
+}
+
+// What AppJob alone makes of the same rows with the same options.
+PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const char* name,
+                          const char* value) {
+  AppJobValues values;
+  values.media = kMedia;
+  values.vendor[name] = value;
+  PrinterState state;
+  AppJob job(state, PrinterPaths{dir, dir, false}, appJobSettings(values, "ostra"), 1, nullptr);
+  captureLog([&] {
+    if (job.startPage(ink.header, "w144h72") != nullptr)
+      return;
+    for (unsigned y = 0; y < ink.header.cupsHeight; ++y)
+      job.writeRow(y, ink.pixels.data() + static_cast<size_t>(y) * ink.header.cupsBytesPerLine);
+    job.endPage(false);
+  });
+  return recordOf(dir + "/page_0001_jobid_000001_0000.dat");
+}
+
+TEST(AppServer, AnswersAndPrints) {
+  const std::string dir = testWorkDir();
+  const std::string socket = dir + "/sock";
+  ASSERT_LT(socket.size(), 100u) << "a domain socket path must be short";
+  mkdir((dir + "/dev").c_str(), 0755);
+  cups_option_t* options = nullptr;
+  int n = 0;
+  n = cupsAddOption("spool-directory", (dir + "/spool").c_str(), n, &options);
+  n = cupsAddOption("page-directory", (dir + "/pages").c_str(), n, &options);
+  n = cupsAddOption("log-file", (dir + "/log").c_str(), n, &options);
+  n = cupsAddOption("log-level", "debug", n, &options);
+  n = cupsAddOption("private-server", "yes", n, &options);
+  AppConfig config;
+  pappl_system_t* app = appCreateSystem(n, options, &config);
+  cupsFreeOptions(n, options);
+  ASSERT_NE(app, nullptr);
+  ASSERT_TRUE(papplSystemAddListeners(app, socket.c_str()));
+  ASSERT_NE(papplPrinterCreate(app, 0, "ostra", "ostra_203", "MFG:Kiwa;MDL:Ostra;",
+                               ("file://" + dir + "/dev").c_str()),
+            nullptr);
+  std::thread server([app] { papplSystemRun(app); });
+
+  {
+    Client client(socket);
+    ASSERT_TRUE(client.connected());
+    ipp_t* attrs = client.send(client.request(IPP_OP_GET_PRINTER_ATTRIBUTES));
+    EXPECT_EQ(valuesOf(attrs, "pwg-raster-document-type-supported"),
+              (std::set<std::string>{"black_8", "sgray_8"}));
+    const std::set<std::string> media = valuesOf(attrs, "media-supported");
+    for (size_t i = 0; i < kAppMediaCount; ++i)
+      EXPECT_EQ(media.count(kAppMedia[i].pwg), 1u) << kAppMedia[i].pwg;
+    EXPECT_EQ(media.count(kAppRollMax), 1u);
+    EXPECT_EQ(valuesOf(attrs, "halftone-type-supported").size(), 10u);
+    EXPECT_EQ(valuesOf(attrs, "barcode-thinning-supported"),
+              (std::set<std::string>{"off", "rows", "columns"}));
+    EXPECT_EQ(valuesOf(attrs, "printer-make-and-model"),
+              std::set<std::string>{"Kiwa Ostra 203 dpi"});
+    ippDelete(attrs);
+
+    // The same page in black and in gray prints the same dots, which are the
+    // dots AppJob makes of it; a PNG is laid out by PAPPL and just prints.
+    const TestPage ink = writePwg(dir + "/black.pwg", false);
+    writePwg(dir + "/gray.pwg", true);
+    const PageRecord expected = expectedRecord(dir + "/expected", ink, "halftone-type", "burkes");
+    const int black =
+        client.print(dir + "/black.pwg", "image/pwg-raster", "halftone-type", "burkes");
+    const int gray = client.print(dir + "/gray.pwg", "image/pwg-raster", "halftone-type", "burkes");
+    ASSERT_GT(black, 0);
+    ASSERT_GT(gray, 0);
+    for (const auto& [id, page] : {std::pair<int, int>{black, 1}, {gray, 2}}) {
+      char name[64];
+      snprintf(name, sizeof name, "/pages/page_%04d_jobid_%06d_0000.dat", page, id);
+      const PageRecord got = recordOf(dir + name);
+      EXPECT_EQ(got.pageNumber, page);
+      EXPECT_EQ(got.labelWidth, expected.labelWidth);
+      EXPECT_TRUE(got.dots == expected.dots) << name;
+    }
+    ASSERT_EQ(std::system(("pdftoppm -r 40 -gray -png -f 1 -l 1 '" OSTRA_SOURCE_DIR
+                           "/samples/sample.pdf' '" +
+                           dir + "/sample'")
+                              .c_str()),
+              0);
+    const int png = client.print(dir + "/sample-1.png", "image/png", "mirror-image", "true");
+    ASSERT_GT(png, 0);
+    char name[64];
+    snprintf(name, sizeof name, "/pages/page_0003_jobid_%06d_0000.dat", png);
+    EXPECT_GT(recordOf(dir + name).blackDots, 0u);
+    // Each job sent its setting block to the device: speed 4, Middle.
+    EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
+  }
+  papplSystemShutdown(app);
+  {
+    // The server sees the request at its next wake-up; a connection is one.
+    Client waker(socket);
+    ippDelete(waker.send(waker.request(IPP_OP_GET_PRINTER_ATTRIBUTES)));
+  }
+  server.join();
+  papplSystemDelete(app);
+}
+
+}  // namespace
