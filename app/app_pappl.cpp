@@ -314,6 +314,29 @@ std::string defaultSpoolDirectory() {
          std::to_string(getuid()) + ".d";
 }
 
+// PAPPL 1.3.1's add-printer page looks for network printers through Avahi
+// and aborts the whole application when avahi-daemon is not running. Without
+// the daemon this page takes its place and says how to add a printer.
+bool addPrinterWithoutDiscovery(pappl_client_t* client, void* /*data*/) {
+  if (!papplClientHTMLAuthorize(client))
+    return true;
+  papplClientRespond(client, HTTP_STATUS_OK, nullptr, "text/html", 0, 0);
+  papplClientHTMLHeader(client, "Add Printer", 0);
+  papplClientHTMLPuts(client,
+                      "<div class=\"content\"><div class=\"row\"><div class=\"col-12\">"
+                      "<h1 class=\"title\">Add Printer</h1>"
+                      "<p>Finding printers on the network needs avahi-daemon, which is not "
+                      "running. Add a printer from a shell instead, for example:</p>"
+                      "<pre>ostra-printer-app add -d stencils -m ostra_203 -v usb://Kiwa/Ostra"
+                      "</pre></div></div></div>\n");
+  papplClientHTMLFooter(client);
+  return true;
+}
+
+bool avahiRunning() {
+  return access("/run/avahi-daemon/socket", F_OK) == 0;
+}
+
 pappl_system_t* systemCallback(int numOptions, cups_option_t* options, void* data) {
   return appCreateSystem(numOptions, options, static_cast<AppConfig*>(data));
 }
@@ -345,6 +368,9 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   // Without a footer PAPPL's web pages fail.
   papplSystemSetFooterHTML(system, kFooter);
   papplSystemAddStringsData(system, "/en.strings", "en", kStrings);
+  if (!avahiRunning())
+    papplSystemAddResourceCallback(system, "/addprinter", "text/html", addPrinterWithoutDiscovery,
+                                   nullptr);
   papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
                                kDrivers, nullptr, nullptr, driverCallback, config);
   return system;

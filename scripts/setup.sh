@@ -8,7 +8,7 @@ packages=(
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
   ghostscript poppler-utils util-linux strace time clang-14 libclang-rt-14-dev
-  libpappl-dev cups-ipp-utils
+  libpappl-dev cups-ipp-utils chromium curl
 )
 
 missing=()

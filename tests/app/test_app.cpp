@@ -14,31 +14,18 @@
 
 namespace {
 
-// The setting block a job's settings send, as the printer's device gets it.
-std::string settingBlock(const Settings& settings) {
-  PrinterState state;
-  FILE* device = tmpfile();
-  OstraPrinter printer(state, PrinterPaths{testWorkDir(), testWorkDir()});
-  Settings s = settings;
-  printer.getOutputStreams() = {device};
-  printer.setSettings(&s);
-  printer.SendPrintSetting();
-  fflush(device);
-  rewind(device);
-  char bytes[16];
-  const size_t n = fread(bytes, 1, sizeof bytes, device);
-  fclose(device);
-  return std::string(bytes, n);
+// What a job's values make, in one line: media tracking, gap, brightness,
+// barcode mode, halftone, mirror, negative, speed and darkness (which the
+// setting block carries; SameRowsGiveTheFiltersBytes compares the blocks),
+// and the printer name the counter file takes.
+std::string summary(const AppJobValues& values) {
+  const Settings s = appJobSettings(values, "Shop\tLabels");
+  char line[512];
+  snprintf(line, sizeof line, "%s %d %d %d %s %d %d | %s %d %s", s.PaperType, s.GapsHeight,
+           s.Brightness, s.VBarcodeOpt, kiwaHalftoneTypeToStr(s.halftoneType), s.MirrorImage,
+           s.NegativeImage, s.PrintSpeed, s.Darkness, s.PrinterName);
+  return line;
 }
-
-struct Mapping {
-  const char* what;
-  AppJobValues values;
-  const char* paperType;
-  int darkness, speedByte, gaps, brightness, barcode;
-  DitherType halftone;
-  bool mirror, negative;
-};
 
 // Job values first, then the printer's defaults (filled in by the caller
 // before this point), then the PPD's own defaults for whatever is missing.
@@ -46,55 +33,41 @@ TEST(AppOptions, IppValuesBecomeTheFiltersSettings) {
   const auto with = [](auto change) {
     AppJobValues v;
     change(v);
-    return v;
+    return summary(v);
   };
-  const Mapping cases[] = {
-      {"PPD defaults", AppJobValues(), "LabelGaps", 1, 2, 3, 0, 0, DITHER_NONE, false, false},
-      {"marks, lighter, slowest", with([](AppJobValues& v) {
-         v.tracking = "mark";
-         v.printDarkness = -30;
-         v.printSpeed = 2 * 2540;
-       }),
-       "LabelMark", 0, 0, 3, 0, 0, DITHER_NONE, false, false},
-      {"continuous, darkest, fastest past the range", with([](AppJobValues& v) {
-         v.tracking = "continuous";
-         v.darknessConfigured = 90;
-         v.printDarkness = 40;
-         v.printSpeed = 9 * 2540;
-       }),
-       "Continue", 2, 4, 3, 0, 0, DITHER_NONE, false, false},
-      {"every vendor option", with([](AppJobValues& v) {
-         v.vendor = {{"halftone-type", "tattoo-q7"},
-                     {"mirror-image", "true"},
-                     {"negative-image", "true"},
-                     {"brightness", "-75"},
-                     {"gap-height", "8"},
-                     {"barcode-thinning", "columns"}};
-       }),
-       "LabelGaps", 1, 2, 8, -75, 2, DITHER_TATTOO_Q7, true, true},
-      {"a name one place ahead of its method", with([](AppJobValues& v) {
-         v.vendor = {{"halftone-type", "ordered"}};
-       }),
-       "LabelGaps", 1, 2, 3, 0, 0, DITHER_ORDERED, false, false},
-      {"an unknown halftone falls back as the filter's does", with([](AppJobValues& v) {
-         v.vendor = {{"halftone-type", "floyd"}, {"barcode-thinning", "rows"}};
-       }),
-       "LabelGaps", 1, 2, 3, 0, 1, DITHER_NONE, false, false},
-  };
-  for (const Mapping& c : cases) {
-    const Settings s = appJobSettings(c.values, "Shop\tLabels");
-    EXPECT_STREQ(s.PaperType, c.paperType) << c.what;
-    EXPECT_EQ(s.GapsHeight, c.gaps) << c.what;
-    EXPECT_EQ(s.Brightness, c.brightness) << c.what;
-    EXPECT_EQ(s.VBarcodeOpt, c.barcode) << c.what;
-    EXPECT_EQ(s.halftoneType, c.halftone) << c.what;
-    EXPECT_EQ(s.MirrorImage != 0, c.mirror) << c.what;
-    EXPECT_EQ(s.NegativeImage != 0, c.negative) << c.what;
-    EXPECT_STREQ(s.PrinterName, "Shop_Labels") << c.what;
-    const std::string block = settingBlock(s);
-    EXPECT_EQ(block, std::string("\x1bs\x01\x00\x00", 5) + char(c.speedByte) + char(c.darkness))
-        << c.what;
-  }
+  EXPECT_EQ(summary(AppJobValues()), "LabelGaps 3 0 0 None 0 0 | 4 1 Shop_Labels");
+  EXPECT_EQ(with([](AppJobValues& v) {  // lighter, slowest
+              v.tracking = "mark";
+              v.printDarkness = -30;
+              v.printSpeed = 2 * 2540;
+            }),
+            "LabelMark 3 0 0 None 0 0 | 2 0 Shop_Labels");
+  EXPECT_EQ(with([](AppJobValues& v) {  // darkest, fastest past the range
+              v.tracking = "continuous";
+              v.darknessConfigured = 90;
+              v.printDarkness = 40;
+              v.printSpeed = 9 * 2540;
+            }),
+            "Continue 3 0 0 None 0 0 | 6 2 Shop_Labels");
+  EXPECT_EQ(with([](AppJobValues& v) {
+              v.vendor = {{"halftone-type", "tattoo-q7"},
+                          {"mirror-image", "true"},
+                          {"negative-image", "true"},
+                          {"brightness", "-75"},
+                          {"gap-height", "8"},
+                          {"barcode-thinning", "columns"}};
+            }),
+            "LabelGaps 8 -75 2 Tattoo_Q7 1 1 | 4 1 Shop_Labels");
+  // The keyword takes the name, whatever method that name runs; an unknown
+  // one falls back as the filter's unknown choice does.
+  EXPECT_EQ(with([](AppJobValues& v) {
+              v.vendor = {{"halftone-type", "ordered"}};
+            }),
+            "LabelGaps 3 0 0 Ordered 0 0 | 4 1 Shop_Labels");
+  EXPECT_EQ(with([](AppJobValues& v) {
+              v.vendor = {{"halftone-type", "floyd"}, {"barcode-thinning", "rows"}};
+            }),
+            "LabelGaps 3 0 1 None 0 0 | 4 1 Shop_Labels");
 }
 
 // Every size of the shipped PPD, by name and size, in its order.
@@ -120,29 +93,25 @@ TEST(AppOptions, MediaAreThePpdSizes) {
 // black, or as gray where 0 is black), must leave the same setting block,
 // page record and page counter, for every halftone type.
 TEST(AppJob, SameRowsGiveTheFiltersBytes) {
-  static const char* const kNames[] = {"None",   "FloydSteinberg",    "Ordered", "Burkes",
-                                       "Stucki", "JarvisJudiceNinke", "Sierra",  "StevensonArce",
-                                       "Tattoo", "Tattoo_Q7"};
-  static const char* const kKeywords[] = {
-      "none",   "floyd-steinberg", "ordered", "burkes",   "stucki", "jarvis-judice-ninke",
-      "sierra", "stevenson-arce",  "tattoo",  "tattoo-q7"};
+  const std::vector<std::string>& keywords = appVendorOptions()[0].values;  // halftone-type
   const TestPage page = makePhotoPage(212, 160);
   const std::string dir = testWorkDir();
   std::string error;
   ASSERT_TRUE(writeRasterFile(dir + "/page.ras", {page}, &error)) << error;
   const std::string record = "/otv6data/page_0001_jobid_000042_0000.dat";
   for (int t = 0; t < 10; ++t) {
-    const std::string options = std::string("HalftoneType=") + kNames[t] + " Darkness=Dark";
+    const char* name = kiwaHalftoneTypeToStr(static_cast<DitherType>(t));
+    const std::string options = std::string("HalftoneType=") + name + " Darkness=Dark";
     const FilterRun run = runFilter(filterJob(options, dir + "/page.ras"));
     ASSERT_EQ(run.status, 0) << run.err;
     const std::string filterRecord = readFile(run.spoolDir + record);
-    ASSERT_FALSE(filterRecord.empty()) << kNames[t];
+    ASSERT_FALSE(filterRecord.empty()) << name;
 
     for (const bool gray : {false, true}) {
       const std::string pages = dir + "/app" + std::to_string(t) + (gray ? "g" : "k");
       AppJobValues values;
       values.darknessConfigured = 90;
-      values.vendor["halftone-type"] = kKeywords[t];
+      values.vendor["halftone-type"] = keywords[t];
       PrinterState state;
       FILE* device = tmpfile();
       AppJob job(state, PrinterPaths{pages, pages, false}, appJobSettings(values, "ostra-test"), 42,
@@ -163,17 +132,17 @@ TEST(AppJob, SameRowsGiveTheFiltersBytes) {
         }
         printed = job.endPage(false) && job.end();
       });
-      ASSERT_TRUE(printed) << kNames[t];
+      ASSERT_TRUE(printed) << name;
       rewind(device);
       std::string block(64, '\0');
       block.resize(fread(&block[0], 1, block.size(), device));
       fclose(device);
-      EXPECT_EQ(block, run.out) << kNames[t] << (gray ? ", gray" : "");
+      EXPECT_EQ(block, run.out) << name << (gray ? ", gray" : "");
       EXPECT_TRUE(readFile(pages + "/page_0001_jobid_000042_0000.dat") == filterRecord)
-          << kNames[t] << (gray ? ", gray" : "");
+          << name << (gray ? ", gray" : "");
       EXPECT_EQ(readFile(pages + "/ostra-test.pgc"),
                 readFile(run.spoolDir + "/otv6data/ostra-test.pgc"))
-          << kNames[t];
+          << name;
     }
   }
 }

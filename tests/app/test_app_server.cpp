@@ -3,7 +3,6 @@
 // IPP, and the page records its jobs leave.
 #include <cups/cups.h>
 #include <cups/raster.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pappl/pappl.h>
 #include <sys/stat.h>
@@ -33,30 +32,28 @@ TestPage writePwg(const std::string& path, bool gray) {
   cups_page_header2_t h;
   cupsRasterInitPWGHeader(&h, pwgMediaForPWG(kMedia), gray ? "sgray_8" : "black_8", 203, 203,
                           "one-sided", nullptr);
-  TestPage ink = makePhotoPage(h.cupsWidth, h.cupsHeight);
-  ink.header = h;
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  cups_raster_t* ras = cupsRasterOpen(fd, CUPS_RASTER_WRITE_PWG);
-  cupsRasterWriteHeader2(ras, &h);
-  std::vector<unsigned char> bytes = ink.pixels;
-  for (unsigned char& b : bytes)
+  TestPage ink = makePhotoPage(h.cupsWidth, h.cupsHeight), page = ink;
+  ink.header = page.header = h;
+  for (unsigned char& b : page.pixels)
     b = gray ? static_cast<unsigned char>(255 - b) : b;
-  cupsRasterWritePixels(ras, bytes.data(), static_cast<unsigned>(bytes.size()));
-  cupsRasterClose(ras);
-  close(fd);
+  std::string error;
+  EXPECT_TRUE(writeRasterFile(path, {page}, &error, CUPS_RASTER_WRITE_PWG)) << error;
   return ink;
 }
 
 class Client {
  public:
-  explicit Client(const std::string& socket) {
+  // A domain socket's path (port 0) or a host and port.
+  explicit Client(const std::string& host, int port = 0) {
     for (int i = 0; i < 100 && http_ == nullptr; ++i) {
-      http_ = httpConnect2(socket.c_str(), 0, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_NEVER, 1, 1000,
+      http_ = httpConnect2(host.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_NEVER, 1, 1000,
                            nullptr);
       if (http_ == nullptr)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
   }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
   ~Client() { httpClose(http_); }
   bool connected() const { return http_ != nullptr; }
 
@@ -79,9 +76,9 @@ class Client {
                  file.substr(file.rfind('/') + 1).c_str());
     ippAddString(r, IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", nullptr, format);
     ippAddString(r, IPP_TAG_JOB, IPP_TAG_KEYWORD, "media", nullptr, kMedia);
-    if (strcmp(value, "true") == 0)
+    if (name != nullptr && strcmp(value, "true") == 0)
       ippAddBoolean(r, IPP_TAG_JOB, name, 1);
-    else
+    else if (name != nullptr)  // else the printer's defaults only
       ippAddString(r, IPP_TAG_JOB, IPP_TAG_KEYWORD, name, nullptr, value);
     ipp_t* response = send(r, file);
     const int id = ippGetInteger(ippFindAttribute(response, "job-id", IPP_TAG_INTEGER), 0);
@@ -139,28 +136,53 @@ PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const cha
   return recordOf(dir + "/page_0001_jobid_000001_0000.dat");
 }
 
-TEST(AppServer, AnswersAndPrints) {
+// The application with one printer, "ostra" at 203 dpi, whose device is a
+// folder; `listen` asks for a private domain socket or, for a browser, a TCP
+// port.
+class AppServer : public testing::Test {
+ protected:
+  void start(const std::string& listen) {
+    mkdir((dir + "/dev").c_str(), 0755);
+    cups_option_t* options = nullptr;
+    const int n = cupsParseOptions(("spool-directory=" + dir + "/spool page-directory=" + dir +
+                                    "/pages log-file=" + dir + "/log log-level=debug " + listen)
+                                       .c_str(),
+                                   0, &options);
+    app = appCreateSystem(n, options, &config);
+    cupsFreeOptions(n, options);
+    ASSERT_NE(app, nullptr);
+    if (listen == "private-server=yes") {
+      ASSERT_TRUE(papplSystemAddListeners(app, socket.c_str()));
+    }
+    ASSERT_NE(papplPrinterCreate(app, 0, "ostra", "ostra_203", "MFG:Kiwa;MDL:Ostra;",
+                                 ("file://" + dir + "/dev").c_str()),
+              nullptr);
+    server = std::thread([this] { papplSystemRun(app); });
+  }
+  // The server sees the shutdown at its next wake-up; a connection is one.
+  void TearDown() override {
+    if (!server.joinable())
+      return;
+    papplSystemShutdown(app);
+    {
+      Client waker = port != 0 ? Client("localhost", port) : Client(socket);
+      ippDelete(waker.send(waker.request(IPP_OP_GET_PRINTER_ATTRIBUTES)));
+    }
+    server.join();
+    papplSystemDelete(app);
+  }
+
   const std::string dir = testWorkDir();
   const std::string socket = dir + "/sock";
-  ASSERT_LT(socket.size(), 100u) << "a domain socket path must be short";
-  mkdir((dir + "/dev").c_str(), 0755);
-  cups_option_t* options = nullptr;
-  int n = 0;
-  n = cupsAddOption("spool-directory", (dir + "/spool").c_str(), n, &options);
-  n = cupsAddOption("page-directory", (dir + "/pages").c_str(), n, &options);
-  n = cupsAddOption("log-file", (dir + "/log").c_str(), n, &options);
-  n = cupsAddOption("log-level", "debug", n, &options);
-  n = cupsAddOption("private-server", "yes", n, &options);
+  int port = 0;
   AppConfig config;
-  pappl_system_t* app = appCreateSystem(n, options, &config);
-  cupsFreeOptions(n, options);
-  ASSERT_NE(app, nullptr);
-  ASSERT_TRUE(papplSystemAddListeners(app, socket.c_str()));
-  ASSERT_NE(papplPrinterCreate(app, 0, "ostra", "ostra_203", "MFG:Kiwa;MDL:Ostra;",
-                               ("file://" + dir + "/dev").c_str()),
-            nullptr);
-  std::thread server([app] { papplSystemRun(app); });
+  pappl_system_t* app = nullptr;
+  std::thread server;
+};
 
+TEST_F(AppServer, AnswersAndPrints) {
+  ASSERT_LT(socket.size(), 100u) << "a domain socket path must be short";
+  start("private-server=yes");
   {
     Client client(socket);
     ASSERT_TRUE(client.connected());
@@ -209,14 +231,71 @@ TEST(AppServer, AnswersAndPrints) {
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }
-  papplSystemShutdown(app);
-  {
-    // The server sees the request at its next wake-up; a connection is one.
-    Client waker(socket);
-    ippDelete(waker.send(waker.request(IPP_OP_GET_PRINTER_ATTRIBUTES)));
+}
+
+// Every page of the web interface in headless Chromium, a screenshot of the
+// printing defaults kept beside the test's files, and a default changed
+// through that page's form (with its session token) used by the next job.
+TEST_F(AppServer, WebPagesInABrowser) {
+  start("server-port=0 listen-hostname=localhost");  // PAPPL picks a free port
+  port = papplSystemGetHostPort(app);
+  Client client("localhost", port);
+  ASSERT_TRUE(client.connected());
+
+  const std::string base = "http://localhost:" + std::to_string(port);
+  const std::string browser =
+      "chromium --headless --no-sandbox --disable-gpu --disable-crash-reporter "
+      "--user-data-dir='" +
+      dir + "/chromium' ";
+  auto dom = [&](const std::string& path) {
+    const std::string out = dir + "/page.html";
+    std::system((browser + "--dump-dom '" + base + path + "' >'" + out + "' 2>/dev/null").c_str());
+    return readFile(out);
+  };
+  std::set<std::string> pages = {"/", "/ostra/printing", "/ostra/media"};
+  const std::string home = dom("/");
+  for (size_t at = 0; (at = home.find("href=\"", at)) != std::string::npos;) {
+    at += 6;
+    std::string link = home.substr(at, home.find('"', at) - at);
+    if (link.compare(0, base.size(), base) == 0)
+      link.erase(0, base.size());
+    if (link[0] == '/' && link.find('.') == std::string::npos)
+      pages.insert(link);
   }
-  server.join();
-  papplSystemDelete(app);
+  EXPECT_GE(pages.size(), 6u);
+  for (const std::string& page : pages)
+    EXPECT_NE(dom(page).find("Ostra label and tattoo stencil printer application"),
+              std::string::npos)
+        << page;
+  const std::string shot = dir + "/printing-defaults.png";
+  std::system((browser + "--window-size=1000,1600 --screenshot='" + shot + "' '" + base +
+               "/ostra/printing' >/dev/null 2>&1")
+                  .c_str());
+  EXPECT_GT(readFile(shot).size(), 10000u);
+
+  const std::string curl = "curl -s -b '" + dir + "/jar' -c '" + dir + "/jar' ";
+  const std::string form = readFile(
+      (std::system((curl + "-o '" + dir + "/form.html' " + base + "/ostra/printing").c_str()),
+       dir + "/form.html"));
+  const std::string field = "name=\"session\" value=\"";
+  const size_t token = form.find(field);
+  ASSERT_NE(token, std::string::npos);
+  const size_t from = token + field.size();
+  const std::string session = form.substr(from, form.find('"', from) - from);
+  ASSERT_EQ(std::system((curl + "-o '" + dir + "/saved.html' --data 'session=" + session +
+                         "&halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off' " +
+                         base + "/ostra/printing")
+                            .c_str()),
+            0);
+  EXPECT_NE(readFile(dir + "/saved.html").find("Changes saved."), std::string::npos);
+
+  const TestPage ink = writePwg(dir + "/black.pwg", false);
+  const int job = client.print(dir + "/black.pwg", "image/pwg-raster", nullptr, nullptr);
+  ASSERT_GT(job, 0);
+  char name[64];
+  snprintf(name, sizeof name, "/pages/page_0001_jobid_%06d_0000.dat", job);
+  EXPECT_TRUE(recordOf(dir + name).dots ==
+              expectedRecord(dir + "/expected", ink, "halftone-type", "tattoo").dots);
 }
 
 }  // namespace
