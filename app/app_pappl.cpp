@@ -333,6 +333,10 @@ bool addPrinterWithoutDiscovery(pappl_client_t* client, void* /*data*/) {
   return true;
 }
 
+bool saveState(pappl_system_t* system, void* config) {
+  return papplSystemSaveState(system, static_cast<AppConfig*>(config)->stateFile.c_str());
+}
+
 bool avahiRunning() {
   return access("/run/avahi-daemon/socket", F_OK) == 0;
 }
@@ -373,6 +377,12 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
                                    nullptr);
   papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
                                kDrivers, nullptr, nullptr, driverCallback, config);
+  // Loaded once the drivers are known: each saved printer is made again.
+  if (const char* state = option("state-file")) {
+    config->stateFile = state;
+    papplSystemLoadState(system, config->stateFile.c_str());
+    papplSystemSetSaveCallback(system, saveState, config);
+  }
   return system;
 }
 

@@ -105,13 +105,14 @@ struct AppConfig {
   std::string pageDirectory = PrinterPaths().spoolDir;  // page records and counters
   std::string imageDirectory = PrinterPaths().imageDir;
   bool debugImages = false;
+  std::string stateFile;  // printers and their defaults; PAPPL's default place if empty
 };
 
 typedef struct _pappl_system_s pappl_system_t;
 // The drivers, one per resolution, and the system with them: options are
 // papplMainloop's (log-level, log-file, spool-directory, server-port,
-// listen-hostname, private-server) plus page-directory, image-directory and
-// debug-images.
+// listen-hostname, private-server) plus page-directory, image-directory,
+// debug-images and state-file.
 pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config);
 // The printer application's main: papplMainloop with the drivers above.
 int appMain(int argc, char* argv[]);

@@ -110,8 +110,15 @@ std::set<std::string> valuesOf(ipp_t* response, const char* name) {
   return values;
 }
 
-PageRecord recordOf(const std::string& path) {
-  const std::string file = readFile(path);
+int sh(const std::string& command) {
+  return std::system(command.c_str());
+}
+
+// The record of page `page`, job `id`, in the page directory under `dir`.
+PageRecord recordOf(const std::string& dir, int page, int id) {
+  char name[64];
+  snprintf(name, sizeof name, "/page_%04d_jobid_%06d_0000.dat", page, id);
+  const std::string path = dir + name, file = readFile(path);
   PageRecord record;
   std::string error;
   EXPECT_TRUE(decodePageRecord({file.begin(), file.end()}, &record, &error)) << path << error;
@@ -119,11 +126,10 @@ PageRecord recordOf(const std::string& path) {
 }
 
 // What AppJob alone makes of the same rows with the same options.
-PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const char* name,
-                          const char* value) {
+PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const char* halftone) {
   AppJobValues values;
   values.media = kMedia;
-  values.vendor[name] = value;
+  values.vendor["halftone-type"] = halftone;
   PrinterState state;
   AppJob job(state, PrinterPaths{dir, dir, false}, appJobSettings(values, "ostra"), 1, nullptr);
   captureLog([&] {
@@ -133,7 +139,7 @@ PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const cha
       job.writeRow(y, ink.pixels.data() + static_cast<size_t>(y) * ink.header.cupsBytesPerLine);
     job.endPage(false);
   });
-  return recordOf(dir + "/page_0001_jobid_000001_0000.dat");
+  return recordOf(dir, 1, 1);
 }
 
 // The application with one printer, "ostra" at 203 dpi, whose device is a
@@ -204,30 +210,21 @@ TEST_F(AppServer, AnswersAndPrints) {
     // dots AppJob makes of it; a PNG is laid out by PAPPL and just prints.
     const TestPage ink = writePwg(dir + "/black.pwg", false);
     writePwg(dir + "/gray.pwg", true);
-    const PageRecord expected = expectedRecord(dir + "/expected", ink, "halftone-type", "burkes");
-    const int black =
-        client.print(dir + "/black.pwg", "image/pwg-raster", "halftone-type", "burkes");
-    const int gray = client.print(dir + "/gray.pwg", "image/pwg-raster", "halftone-type", "burkes");
-    ASSERT_GT(black, 0);
-    ASSERT_GT(gray, 0);
-    for (const auto& [id, page] : {std::pair<int, int>{black, 1}, {gray, 2}}) {
-      char name[64];
-      snprintf(name, sizeof name, "/pages/page_%04d_jobid_%06d_0000.dat", page, id);
-      const PageRecord got = recordOf(dir + name);
+    const PageRecord expected = expectedRecord(dir + "/expected", ink, "burkes");
+    int page = 0;
+    for (const char* file : {"/black.pwg", "/gray.pwg"}) {
+      const int id = client.print(dir + file, "image/pwg-raster", "halftone-type", "burkes");
+      ASSERT_GT(id, 0);
+      const PageRecord got = recordOf(dir + "/pages", ++page, id);
       EXPECT_EQ(got.pageNumber, page);
-      EXPECT_EQ(got.labelWidth, expected.labelWidth);
-      EXPECT_TRUE(got.dots == expected.dots) << name;
+      EXPECT_TRUE(got.dots == expected.dots) << file;
     }
-    ASSERT_EQ(std::system(("pdftoppm -r 40 -gray -png -f 1 -l 1 '" OSTRA_SOURCE_DIR
-                           "/samples/sample.pdf' '" +
-                           dir + "/sample'")
-                              .c_str()),
+    ASSERT_EQ(sh("pdftoppm -r 40 -gray -png -f 1 -l 1 " OSTRA_SOURCE_DIR "/samples/sample.pdf '" +
+                 dir + "/sample'"),
               0);
     const int png = client.print(dir + "/sample-1.png", "image/png", "mirror-image", "true");
     ASSERT_GT(png, 0);
-    char name[64];
-    snprintf(name, sizeof name, "/pages/page_0003_jobid_%06d_0000.dat", png);
-    EXPECT_GT(recordOf(dir + name).blackDots, 0u);
+    EXPECT_GT(recordOf(dir + "/pages", 3, png).blackDots, 0u);
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }
@@ -249,7 +246,7 @@ TEST_F(AppServer, WebPagesInABrowser) {
       dir + "/chromium' ";
   auto dom = [&](const std::string& path) {
     const std::string out = dir + "/page.html";
-    std::system((browser + "--dump-dom '" + base + path + "' >'" + out + "' 2>/dev/null").c_str());
+    sh(browser + "--dump-dom '" + base + path + "' >'" + out + "' 2>/dev/null");
     return readFile(out);
   };
   std::set<std::string> pages = {"/", "/ostra/printing", "/ostra/media"};
@@ -268,34 +265,29 @@ TEST_F(AppServer, WebPagesInABrowser) {
               std::string::npos)
         << page;
   const std::string shot = dir + "/printing-defaults.png";
-  std::system((browser + "--window-size=1000,1600 --screenshot='" + shot + "' '" + base +
-               "/ostra/printing' >/dev/null 2>&1")
-                  .c_str());
+  sh(browser + "--window-size=1000,1600 --screenshot='" + shot + "' '" + base +
+     "/ostra/printing' >/dev/null 2>&1");
   EXPECT_GT(readFile(shot).size(), 10000u);
 
   const std::string curl = "curl -s -b '" + dir + "/jar' -c '" + dir + "/jar' ";
-  const std::string form = readFile(
-      (std::system((curl + "-o '" + dir + "/form.html' " + base + "/ostra/printing").c_str()),
-       dir + "/form.html"));
+  sh(curl + "-o '" + dir + "/form.html' " + base + "/ostra/printing");
+  const std::string form = readFile(dir + "/form.html");
   const std::string field = "name=\"session\" value=\"";
   const size_t token = form.find(field);
   ASSERT_NE(token, std::string::npos);
   const size_t from = token + field.size();
   const std::string session = form.substr(from, form.find('"', from) - from);
-  ASSERT_EQ(std::system((curl + "-o '" + dir + "/saved.html' --data 'session=" + session +
-                         "&halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off' " +
-                         base + "/ostra/printing")
-                            .c_str()),
+  ASSERT_EQ(sh(curl + "-o '" + dir + "/saved.html' --data 'session=" + session +
+               "&halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off' " + base +
+               "/ostra/printing"),
             0);
   EXPECT_NE(readFile(dir + "/saved.html").find("Changes saved."), std::string::npos);
 
   const TestPage ink = writePwg(dir + "/black.pwg", false);
   const int job = client.print(dir + "/black.pwg", "image/pwg-raster", nullptr, nullptr);
   ASSERT_GT(job, 0);
-  char name[64];
-  snprintf(name, sizeof name, "/pages/page_0001_jobid_%06d_0000.dat", job);
-  EXPECT_TRUE(recordOf(dir + name).dots ==
-              expectedRecord(dir + "/expected", ink, "halftone-type", "tattoo").dots);
+  EXPECT_TRUE(recordOf(dir + "/pages", 1, job).dots ==
+              expectedRecord(dir + "/expected", ink, "tattoo").dots);
 }
 
 }  // namespace

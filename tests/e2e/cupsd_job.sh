@@ -1,6 +1,7 @@
 #!/bin/sh
 # The installed driver under a real cupsd that reads and writes only tmpfs of
-# sandbox.sh's private namespace: queue, jobs, debug image ageing, uninstall, cancel.
+# sandbox.sh's private namespace: queue, jobs, debug image ageing, uninstall,
+# cancel; then the printer application behind the same cupsd.
 #   cupsd_job.sh BUILD_DIR CUPS_SERVERBIN CUPS_DATADIR TMPFILES_DIR
 set -eu
 build=$1 filters=$2/filter models=$3/model tmpfiles=$4
@@ -79,3 +80,22 @@ preview || fail "a page record was left half-written"
 [ -z "$(ls -A $records | grep '^\.')" ] || fail "temporary files left: $(ls -A $records)"
 after=$(od -An -tu2 $records/ostra.pgc)
 [ $after -gt $before ] || fail "page counter $before before the cancelled job, $after after it"
+
+# The printer application behind the same cupsd: a "Stencils" printer whose
+# default halftone is the tattoo stencil (through CUPS only media, media type
+# and quality travel with a job), a queue made with "lpadmin -m everywhere" on
+# its loopback URI, and a real PDF printed to it.
+[ -x "$build/ostra-printer-app" ] || exit 0
+app=$build/ostra-printer-app pages=$w/app/pages
+"$app" server -o server-port=8631 -o listen-hostname=localhost -o spool-directory=$w/app \
+  -o state-file=$w/app/state -o page-directory=$pages -o log-file=$w/app/log -o log-level=debug &
+trap 'kill $cupsd $! && wait $cupsd $! || :' EXIT
+poll '"$app" status >/dev/null 2>&1'
+"$app" add -d stencils -m ostra_203 -v file://$w/out
+"$app" modify -d stencils -o halftone-type-default=tattoo
+lpadmin -h $sock -p stencils -E -v ipp://localhost:8631/ipp/print/stencils -m everywhere
+lp -h $sock -d stencils "$doc" >/dev/null
+poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
+(cd $pages && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null) || fail "app records refused"
+grep -q 'RV dithering is enabled' $w/app/log || fail "the printer's default halftone was not used"
+grep -q 'halftone-type-default tattoo' $w/app/state || fail "the printer's default was not saved"
