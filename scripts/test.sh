@@ -16,9 +16,9 @@ echo "== formatting"
 files=$(git ls-files '*.cpp' '*.h')
 clang-format --dry-run --Werror $files
 
-echo "== minimal build (no libpng, no Google Benchmark)"
+echo "== minimal build (no libpng, no Google Benchmark, no PAPPL)"
 dir=$(bash scripts/build.sh minimal | tail -n 1)
-test -x "$dir/rastertoostra" && test ! -e "$dir/ostra-preview"
+test -x "$dir/rastertoostra" && test ! -e "$dir/ostra-preview" && test ! -e "$dir/ostra-printer-app"
 
 for variant in plain sanitize; do
   echo "== $variant build"

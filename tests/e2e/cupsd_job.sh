@@ -87,6 +87,7 @@ after=$(od -An -tu2 $records/ostra.pgc)
 # its loopback URI, and a real PDF printed to it.
 [ -x "$build/ostra-printer-app" ] || exit 0
 app=$build/ostra-printer-app pages=$w/app/pages
+export LSAN_OPTIONS=suppressions=$(dirname "$doc")/../tests/app/lsan.supp
 "$app" server -o server-port=8631 -o listen-hostname=localhost -o spool-directory=$w/app \
   -o state-file=$w/app/state -o page-directory=$pages -o log-file=$w/app/log -o log-level=debug &
 trap 'kill $cupsd $! && wait $cupsd $! || :' EXIT
