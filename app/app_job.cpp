@@ -14,14 +14,11 @@ constexpr float kMaxMediaWidthPt = 612.0f;
 constexpr int kHundredthsMmPerInch = 2540;
 constexpr int kMinSpeed = 2, kMaxSpeed = 6;
 
-// The ten halftone names as IPP keywords, in the PPD's order.
+// The ten halftone names as IPP keywords, in the PPD's order, which is the
+// order of DitherType.
 const char* const kHalftoneKeywords[] = {
     "none",   "floyd-steinberg", "ordered", "burkes",    "stucki", "jarvis-judice-ninke",
     "sierra", "stevenson-arce",  "tattoo",  "tattoo-q7",
-};
-const char* const kHalftonePpdNames[] = {
-    "None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki", "JarvisJudiceNinke",
-    "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_Q7",
 };
 const char* const kBarcodeKeywords[] = {"off", "rows", "columns"};
 
@@ -146,7 +143,7 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
       *c = '_';
   }
   const int halftone = indexOf(kHalftoneKeywords, valueOf(values, "halftone-type"));
-  s.halftoneType = kiwaHalftoneTypeFromStr(halftone >= 0 ? kHalftonePpdNames[halftone] : "");
+  s.halftoneType = halftone >= 0 ? static_cast<DitherType>(halftone) : DITHER_NONE;
   s.MirrorImage = valueOf(values, "mirror-image") == "true" ? 1 : 0;
   s.NegativeImage = valueOf(values, "negative-image") == "true" ? 1 : 0;
   copyText(s.PrintSpeed, sizeof(s.PrintSpeed), std::to_string(appSpeedInches(values.printSpeed)));
