@@ -187,7 +187,6 @@ class AppServer : public testing::Test {
 };
 
 TEST_F(AppServer, AnswersAndPrints) {
-  ASSERT_LT(socket.size(), 100u) << "a domain socket path must be short";
   start("private-server=yes");
   {
     Client client(socket);
@@ -259,7 +258,6 @@ TEST_F(AppServer, WebPagesInABrowser) {
     if (link[0] == '/' && link.find('.') == std::string::npos)
       pages.insert(link);
   }
-  EXPECT_GE(pages.size(), 6u);
   for (const std::string& page : pages)
     EXPECT_NE(dom(page).find("Ostra label and tattoo stencil printer application"),
               std::string::npos)
