@@ -100,14 +100,11 @@ class Client {
   http_t* http_ = nullptr;
 };
 
-std::set<std::string> valuesOf(ipp_t* response, const char* name) {
-  std::set<std::string> values;
-  ipp_attribute_t* attr = ippFindAttribute(response, name, IPP_TAG_ZERO);
-  for (int i = 0; i < ippGetCount(attr); ++i) {
-    const char* s = ippGetString(attr, i, nullptr);
-    values.insert(s != nullptr ? s : std::to_string(ippGetInteger(attr, i)));
-  }
-  return values;
+// An attribute's values as IPP writes them, separated by commas.
+std::string valuesOf(ipp_t* response, const char* name) {
+  char text[4096] = "";
+  ippAttributeString(ippFindAttribute(response, name, IPP_TAG_ZERO), text, sizeof text);
+  return text;
 }
 
 int sh(const std::string& command) {
@@ -175,9 +172,8 @@ class AppServer : public testing::Test {
       ippDelete(waker.send(waker.request(IPP_OP_GET_PRINTER_ATTRIBUTES)));
     }
     server.join();
-    // Not papplSystemDelete: in PAPPL 1.3.1 it frees the system under client
-    // threads that may still be ending, which corrupts the heap of the next
-    // test. The test binary ends soon after.
+    // No papplSystemDelete: PAPPL 1.3.1 frees the system under client threads
+    // still ending, corrupting the heap of the next test in this process.
   }
 
   const std::string dir = testWorkDir();
@@ -194,17 +190,14 @@ TEST_F(AppServer, AnswersAndPrints) {
     Client client(socket);
     ASSERT_TRUE(client.connected());
     ipp_t* attrs = client.send(client.request(IPP_OP_GET_PRINTER_ATTRIBUTES));
-    EXPECT_EQ(valuesOf(attrs, "pwg-raster-document-type-supported"),
-              (std::set<std::string>{"black_8", "sgray_8"}));
-    const std::set<std::string> media = valuesOf(attrs, "media-supported");
+    EXPECT_EQ(valuesOf(attrs, "pwg-raster-document-type-supported"), "black_8,sgray_8");
+    const std::string media = valuesOf(attrs, "media-supported");
     for (size_t i = 0; i < kAppMediaCount; ++i)
-      EXPECT_EQ(media.count(kAppMedia[i].pwg), 1u) << kAppMedia[i].pwg;
-    EXPECT_EQ(media.count(kAppRollMax), 1u);
-    EXPECT_EQ(valuesOf(attrs, "halftone-type-supported").size(), 10u);
-    EXPECT_EQ(valuesOf(attrs, "barcode-thinning-supported"),
-              (std::set<std::string>{"off", "rows", "columns"}));
-    EXPECT_EQ(valuesOf(attrs, "printer-make-and-model"),
-              std::set<std::string>{"Kiwa Ostra 203 dpi"});
+      EXPECT_NE(media.find(kAppMedia[i].pwg), std::string::npos) << kAppMedia[i].pwg;
+    EXPECT_NE(media.find(kAppRollMax), std::string::npos);
+    EXPECT_EQ(valuesOf(attrs, "halftone-type-supported").find("none,floyd-steinberg,"), 0u);
+    EXPECT_EQ(valuesOf(attrs, "barcode-thinning-supported"), "off,rows,columns");
+    EXPECT_EQ(valuesOf(attrs, "printer-make-and-model"), "Kiwa Ostra 203 dpi");
     ippDelete(attrs);
 
     // The same page in black and in gray prints the same dots, which are the
