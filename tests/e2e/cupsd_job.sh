@@ -12,10 +12,10 @@ mkdir -p $w/etc $w/spool/tmp $w/state $w/cache $w/log $w/out
 fail() { echo "FAIL: $*; error_log without debug lines:" && grep -v '^D' $w/log/error_log; exit 1; }
 # Waits up to a minute for CONDITION; a stopped queue or job fails at once.
 poll() {
-  i=0 && until eval "$1"; do
+  end=$(($(date +%s) + 60)) && until eval "$1"; do
     ! lpstat -h $sock -p ostra 2>/dev/null | grep -q disabled || fail "queue stopped"
     ! grep -q '\] Job stopped' $w/log/error_log 2>/dev/null || fail "job stopped"
-    [ $((i += 1)) -lt 600 ] || fail "waited a minute for $1"
+    [ "$(date +%s)" -lt $end ] || fail "waited a minute for $1"
     sleep 0.1
   done
 }
@@ -86,15 +86,16 @@ after=$(od -An -tu2 $records/ostra.pgc)
 # and quality travel with a job), a queue made with "lpadmin -m everywhere" on
 # its loopback URI, and a real PDF printed to it.
 [ -x "$build/ostra-printer-app" ] || exit 0
-app=$build/ostra-printer-app pages=$w/app/pages
+# A port of its own: another test's server may hold any fixed one.
+app=$build/ostra-printer-app pages=$w/app/pages port=$(shuf -i 20000-60000 -n 1)
 export LSAN_OPTIONS=suppressions=$(dirname "$doc")/../tests/app/lsan.supp
-"$app" server -o server-port=8631 -o listen-hostname=localhost -o spool-directory=$w/app \
+"$app" server -o server-port=$port -o listen-hostname=localhost -o spool-directory=$w/app \
   -o state-file=$w/app/state -o page-directory=$pages -o log-file=$w/app/log -o log-level=debug &
 trap 'kill $cupsd $! && wait $cupsd $! || :' EXIT
-poll '"$app" status >/dev/null 2>&1'
+poll '"$app" status >/dev/null 2>&1 && grep -q "connections on .localhost:$port" $w/app/log'
 "$app" add -d stencils -m ostra_203 -v file://$w/out
 "$app" modify -d stencils -o halftone-type-default=tattoo
-lpadmin -h $sock -p stencils -E -v ipp://localhost:8631/ipp/print/stencils -m everywhere
+lpadmin -h $sock -p stencils -E -v ipp://localhost:$port/ipp/print/stencils -m everywhere
 lp -h $sock -d stencils "$doc" >/dev/null
 poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
 (cd $pages && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null) || fail "app records refused"
