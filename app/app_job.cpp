@@ -79,25 +79,17 @@ const AppMedia* appMediaByPwg(const std::string& pwg) {
 }
 
 const std::vector<AppVendorOption>& appVendorOptions() {
+  // In the PPD: HalftoneType, MirrorImage, NegativeImage, Brightness,
+  // GapsHeight, VBarcodeDensity.
   static const std::vector<AppVendorOption> options = {
-      {"halftone-type", "HalftoneType",
+      {"halftone-type",
        std::vector<std::string>(std::begin(kHalftoneKeywords), std::end(kHalftoneKeywords)), "none",
        false, false},
-      {"mirror-image", "MirrorImage", {"false", "true"}, "false", true, false},
-      {"negative-image", "NegativeImage", {"false", "true"}, "false", true, false},
-      {"brightness",
-       "Brightness",
-       {"-100", "-75", "-50", "-25", "0", "25", "50", "75", "100"},
-       "0",
-       false,
-       true},
-      {"gap-height",
-       "GapsHeight",
-       {"0", "1", "2", "3", "4", "5", "6", "8", "10"},
-       "3",
-       false,
-       true},
-      {"barcode-thinning", "VBarcodeDensity",
+      {"mirror-image", {"false", "true"}, "false", true, false},
+      {"negative-image", {"false", "true"}, "false", true, false},
+      {"brightness", {"-100", "-75", "-50", "-25", "0", "25", "50", "75", "100"}, "0", false, true},
+      {"gap-height", {"0", "1", "2", "3", "4", "5", "6", "8", "10"}, "3", false, true},
+      {"barcode-thinning",
        std::vector<std::string>(std::begin(kBarcodeKeywords), std::end(kBarcodeKeywords)), "off",
        false, false},
   };
@@ -105,14 +97,16 @@ const std::vector<AppVendorOption>& appVendorOptions() {
 }
 
 int appDarknessLevel(int configured, int adjustment) {
-  int darkness = configured + adjustment;
-  darkness = darkness < 0 ? 0 : darkness > 100 ? 100 : darkness;
+  // In 64 bits: a client may send any integer; below 0 counts as 0, above 100 as 100.
+  const long long darkness = static_cast<long long>(configured) + adjustment;
   return darkness <= 33 ? 0 : darkness <= 66 ? 1 : 2;
 }
 
 int appSpeedInches(int printSpeed) {
-  const int inches = (printSpeed + kHundredthsMmPerInch / 2) / kHundredthsMmPerInch;
-  return inches < kMinSpeed ? kMinSpeed : inches > kMaxSpeed ? kMaxSpeed : inches;
+  // In 64 bits: a client may send any integer.
+  const long long inches =
+      (static_cast<long long>(printSpeed) + kHundredthsMmPerInch / 2) / kHundredthsMmPerInch;
+  return inches < kMinSpeed ? kMinSpeed : inches > kMaxSpeed ? kMaxSpeed : static_cast<int>(inches);
 }
 
 float appMaxMediaWidthMm() {

@@ -30,11 +30,10 @@ extern const char* const kAppRollMin;
 extern const char* const kAppRollMax;
 const AppMedia* appMediaByPwg(const std::string& pwg);
 
-// A vendor option of the application: its IPP name, the PPD option behind it,
-// its values (IPP keyword or integer text) and the PPD default.
+// A vendor option of the application: its IPP name, its values (IPP keyword
+// or integer text) and the default of the PPD option behind it.
 struct AppVendorOption {
   const char* ipp;
-  const char* ppd;
   std::vector<std::string> values;
   std::string defaultValue;
   bool isBoolean, isInteger;
