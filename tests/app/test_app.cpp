@@ -1,6 +1,5 @@
-// The printer application's side of the page core: IPP values to settings
-// and setting blocks, its media against the shipped PPD, and the same ink rows
-// giving the filter's bytes through the application's path.
+// The application's side of the core: IPP values to settings, its media against
+// the shipped PPD, and the same ink rows giving the filter's bytes.
 #include <cups/ppd.h>
 #include <gtest/gtest.h>
 
