@@ -179,6 +179,18 @@ bool endJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* d
   return stored;
 }
 
+// With no native format, PAPPL 1.3.1 hands a document it cannot read (a PDF
+// from a raw CUPS queue, say) to a raw-file callback that is not there, and
+// crashes. With one named, it aborts such jobs itself; a job claiming the
+// printer's own stream is refused here, since pages must come as rows.
+bool refuseFile(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* /*device*/) {
+  papplLogJob(job, PAPPL_LOGLEVEL_ERROR,
+              "Unable to print %s: send PWG raster, PNG or JPEG, or print through a CUPS queue "
+              "made with -m everywhere.",
+              papplJobGetFormat(job));
+  return false;
+}
+
 void deletePrinter(pappl_printer_t* /*printer*/, pappl_pr_driver_data_t* data) {
   delete static_cast<AppPrinter*>(data->extension);
   data->extension = nullptr;
@@ -243,6 +255,10 @@ bool driverCallback(pappl_system_t* /*system*/, const char* driverName, const ch
   data->rwriteline_cb = writeLine;
   data->rendpage_cb = endPage;
   data->rendjob_cb = endJob;
+  // See refuseFile: a named native format keeps other documents from crashing
+  // the application.
+  data->printfile_cb = refuseFile;
+  data->format = "application/vnd.kiwa-ostra";
 
   snprintf(data->make_and_model, sizeof(data->make_and_model), "Kiwa Ostra %d dpi", dpi);
   data->ppm = 10;

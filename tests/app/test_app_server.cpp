@@ -216,8 +216,9 @@ TEST_F(AppServer, AnswersAndPrints) {
     ASSERT_EQ(sh("pdftoppm -r 40 -gray -png -f 1 -l 1 " OSTRA_SOURCE_DIR "/samples/sample.pdf '" +
                  dir + "/sample'"),
               0);
+    // A PDF (as a raw CUPS queue sends it) is refused, and the printer goes on.
+    EXPECT_EQ(client.print(OSTRA_SOURCE_DIR "/samples/sample.pdf", "application/pdf", 0, 0), 0);
     const int png = client.print(dir + "/sample-1.png", "image/png", "mirror-image", "true");
-    ASSERT_GT(png, 0);
     EXPECT_GT(recordOf(dir + "/pages", 3, png).blackDots, 0u);
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));

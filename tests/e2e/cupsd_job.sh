@@ -98,6 +98,7 @@ poll '"$app" status 2>/dev/null | grep -q Running && grep -q "on .localhost:$por
 "$app" add -d stencils -m ostra_203 -v file://$w/out
 "$app" modify -d stencils -o halftone-type-default=tattoo
 lpadmin -h $sock -p stencils -E -v ipp://localhost:$port/ipp/print/stencils -m everywhere
+poll 'grep -qs cupsFilter2 $w/etc/ppd/stencils.ppd'  # cupsd makes the PPD after lpadmin returns
 lp -h $sock -d stencils "$doc" >/dev/null
 poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
 (cd $pages && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null) || fail "app records refused"
