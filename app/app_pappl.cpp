@@ -1,9 +1,11 @@
 #include <pappl/pappl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -349,8 +351,53 @@ bool addPrinterWithoutDiscovery(pappl_client_t* client, void* /*data*/) {
   return true;
 }
 
+// PAPPL 1.3.1 reads a printer's print-speed-default back from the state file
+// but never writes it: the line goes into each printer's block after PAPPL has
+// saved, and the file is replaced whole.
+bool addPrintSpeeds(pappl_system_t* system, const std::string& path) {
+  std::ifstream in(path);
+  std::string text, line;
+  while (std::getline(in, line)) {
+    text += line + "\n";
+    const size_t id = line.find(" id=\"");
+    pappl_printer_t* printer =
+        line.rfind("<Printer ", 0) == 0 && id != std::string::npos
+            ? papplSystemFindPrinter(system, nullptr, atoi(line.c_str() + id + 5), nullptr)
+            : nullptr;
+    if (printer == nullptr)
+      continue;
+    pappl_pr_driver_data_t data;
+    papplPrinterGetDriverData(printer, &data);
+    text += "print-speed-default " + std::to_string(data.speed_default) + "\n";
+  }
+  const std::string temp = path + ".new";
+  FILE* out = fopen(temp.c_str(), "w");
+  bool ok = out != nullptr && fwrite(text.data(), 1, text.size(), out) == text.size();
+  ok = (out == nullptr || fclose(out) == 0) && ok && rename(temp.c_str(), path.c_str()) == 0;
+  if (!ok)
+    unlink(temp.c_str());
+  return ok;
+}
+
 bool saveState(pappl_system_t* system, void* config) {
-  return papplSystemSaveState(system, static_cast<AppConfig*>(config)->stateFile.c_str());
+  const std::string& path = static_cast<AppConfig*>(config)->stateFile;
+  return papplSystemSaveState(system, path.c_str()) && addPrintSpeeds(system, path);
+}
+
+// Where PAPPL's own main loop would keep the state.
+std::string defaultStateFile() {
+  if (getuid() == 0)
+    return "/var/lib/ostra-printer-app.state";
+  const char* config = getenv("XDG_CONFIG_HOME");
+  const char* home = getenv("HOME");
+  if (config != nullptr)
+    return std::string(config) + "/ostra-printer-app.state";
+  if (home != nullptr &&
+      (mkdir((std::string(home) + "/.config").c_str(), 0700) == 0 || errno == EEXIST))
+    return std::string(home) + "/.config/ostra-printer-app.state";
+  const char* tmp = getenv("TMPDIR");
+  return std::string(tmp != nullptr ? tmp : "/tmp") + "/ostra-printer-app" +
+         std::to_string(getuid()) + ".state";
 }
 
 bool avahiRunning() {
@@ -394,11 +441,10 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
                                kDrivers, nullptr, nullptr, driverCallback, config);
   // Loaded once the drivers are known: each saved printer is made again.
-  if (const char* state = option("state-file")) {
-    config->stateFile = state;
-    papplSystemLoadState(system, config->stateFile.c_str());
-    papplSystemSetSaveCallback(system, saveState, config);
-  }
+  const char* state = option("state-file");
+  config->stateFile = state != nullptr ? state : defaultStateFile();
+  papplSystemLoadState(system, config->stateFile.c_str());
+  papplSystemSetSaveCallback(system, saveState, config);
   return system;
 }
 

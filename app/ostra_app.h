@@ -104,7 +104,7 @@ struct AppConfig {
   std::string pageDirectory = PrinterPaths().spoolDir;  // page records and counters
   std::string imageDirectory = PrinterPaths().imageDir;
   bool debugImages = false;
-  std::string stateFile;  // printers and their defaults; PAPPL's default place if empty
+  std::string stateFile;  // printers and their defaults; where PAPPL keeps them if not given
 };
 
 typedef struct _pappl_system_s pappl_system_t;

@@ -147,10 +147,11 @@ class AppServer : public testing::Test {
   void start(const std::string& listen) {
     mkdir((dir + "/dev").c_str(), 0755);
     cups_option_t* options = nullptr;
-    const int n = cupsParseOptions(("spool-directory=" + dir + "/spool page-directory=" + dir +
-                                    "/pages log-file=" + dir + "/log log-level=debug " + listen)
-                                       .c_str(),
-                                   0, &options);
+    const int n = cupsParseOptions(
+        ("spool-directory=" + dir + "/spool page-directory=" + dir + "/pages state-file=" + dir +
+         "/state log-file=" + dir + "/log log-level=debug " + listen)
+            .c_str(),
+        0, &options);
     app = appCreateSystem(n, options, &config);
     cupsFreeOptions(n, options);
     ASSERT_NE(app, nullptr);

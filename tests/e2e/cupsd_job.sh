@@ -96,7 +96,7 @@ export ASAN_OPTIONS=detect_leaks=0
 trap 'kill $cupsd $! && wait $cupsd $! || :' EXIT
 poll '"$app" status 2>/dev/null | grep -q Running && grep -q "on .localhost:$port" $w/app/log'
 "$app" add -d stencils -m ostra_203 -v file://$w/out
-"$app" modify -d stencils -o halftone-type-default=tattoo
+"$app" modify -d stencils -o halftone-type-default=tattoo -o print-speed-default=6in
 lpadmin -h $sock -p stencils -E -v ipp://localhost:$port/ipp/print/stencils -m everywhere
 poll 'grep -qs cupsFilter2 $w/etc/ppd/stencils.ppd'  # cupsd makes the PPD after lpadmin returns
 lp -h $sock -d stencils "$doc" >/dev/null
@@ -104,3 +104,4 @@ poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
 (cd $pages && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null) || fail "app records refused"
 grep -q 'RV dithering is enabled' $w/app/log || fail "the printer's default halftone was not used"
 grep -q 'halftone-type-default tattoo' $w/app/state || fail "the printer's default was not saved"
+grep -q 'print-speed-default 15240' $w/app/state || fail "the printer's speed was not saved"
