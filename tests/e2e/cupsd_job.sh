@@ -105,3 +105,4 @@ poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
 grep -q 'RV dithering is enabled' $w/app/log || fail "the printer's default halftone was not used"
 grep -q 'halftone-type-default tattoo' $w/app/state || fail "the printer's default was not saved"
 grep -q 'print-speed-default 15240' $w/app/state || fail "the printer's speed was not saved"
+od -An -tx1 -N7 $w/out/sample.pdf.prn | grep -q '1b 73 01 00 00 04 01' || fail "speed 6 not sent"
