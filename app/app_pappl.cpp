@@ -1,7 +1,9 @@
+#include <grp.h>
 #include <pappl/pappl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "app/app_access.h"
 #include "app/ostra_app.h"
 
 namespace {
@@ -115,6 +118,20 @@ AppJobValues jobValues(pappl_job_t* job, const pappl_pr_options_t* options) {
   return v;
 }
 
+// The page directory is shared with the CUPS filter, which runs in group lp:
+// when it is missing (cupsd empties its temporary directory when it starts),
+// it is made for both.
+void makePageDirectory(const std::string& dir) {
+  if (mkdir(dir.c_str(), 0770) != 0)
+    return;
+  struct group entry, *lp = nullptr;
+  char buffer[4096];
+  if (getgrnam_r("lp", &entry, buffer, sizeof(buffer), &lp) == 0 && lp != nullptr &&
+      chown(dir.c_str(), static_cast<uid_t>(-1), lp->gr_gid) != 0)
+    return;
+  chmod(dir.c_str(), 0770);
+}
+
 bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
   pappl_pr_driver_data_t data;
@@ -127,6 +144,7 @@ bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* dev
     return false;
   }
   kiwaLogSetHandler(jobLog, job);
+  makePageDirectory(own->paths.spoolDir);
   const Settings settings = appJobSettings(jobValues(job, options), papplPrinterGetName(printer));
   jd->job = std::make_unique<AppJob>(own->state, own->paths, settings, papplJobGetID(job),
                                      jd->device.get());
@@ -237,7 +255,7 @@ void setMedia(pappl_media_col_t& col, const char* name) {
   col.tracking = PAPPL_MEDIA_TRACKING_GAP;
 }
 
-bool driverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*uri*/,
+bool driverCallback(pappl_system_t* system, const char* driverName, const char* uri,
                     const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs,
                     void* context) {
   const int dpi = strcmp(driverName, "ostra_203") == 0   ? 203
@@ -246,6 +264,13 @@ bool driverCallback(pappl_system_t* /*system*/, const char* driverName, const ch
   if (dpi == 0)
     return false;
   const AppConfig* config = static_cast<const AppConfig*>(context);
+  // Every printer is made here, from a client or from the state file: a file
+  // device is where the server writes, so no client may choose it.
+  std::string why;
+  if (uri != nullptr && !appDeviceAllowed(uri, config->access, &why)) {
+    papplLog(system, PAPPL_LOGLEVEL_ERROR, "Printer device %s refused: %s.", uri, why.c_str());
+    return false;
+  }
   auto* own = new AppPrinter;
   own->paths.spoolDir = config->pageDirectory;
   own->paths.imageDir = config->imageDirectory;
@@ -332,10 +357,24 @@ std::string defaultSpoolDirectory() {
          std::to_string(getuid()) + ".d";
 }
 
+bool avahiRunning() {
+  return access("/run/avahi-daemon/socket", F_OK) == 0;
+}
+
+}  // namespace
+
+// PAPPL 1.3.1's own add-printer page, exported though not declared.
+extern "C" bool _papplSystemWebAddPrinter(pappl_client_t* client, pappl_system_t* system);
+
+namespace {
+
 // PAPPL 1.3.1's add-printer page looks for network printers through Avahi
-// and aborts the whole application when avahi-daemon is not running. Without
-// the daemon this page takes its place and says how to add a printer.
-bool addPrinterWithoutDiscovery(pappl_client_t* client, void* /*data*/) {
+// and aborts the whole application when avahi-daemon is not running (fixed
+// upstream in PAPPL 1.4.5). Without the daemon this page takes its place and
+// says how to add a printer; the daemon is looked for at every request.
+bool addPrinterPage(pappl_client_t* client, void* system) {
+  if (avahiRunning())
+    return _papplSystemWebAddPrinter(client, static_cast<pappl_system_t*>(system));
   if (!papplClientHTMLAuthorize(client))
     return true;
   papplClientRespond(client, HTTP_STATUS_OK, nullptr, "text/html", 0, 0);
@@ -400,10 +439,6 @@ std::string defaultStateFile() {
          std::to_string(getuid()) + ".state";
 }
 
-bool avahiRunning() {
-  return access("/run/avahi-daemon/socket", F_OK) == 0;
-}
-
 pappl_system_t* systemCallback(int numOptions, cups_option_t* options, void* data) {
   return appCreateSystem(numOptions, options, static_cast<AppConfig*>(data));
 }
@@ -412,32 +447,45 @@ pappl_system_t* systemCallback(int numOptions, cups_option_t* options, void* dat
 
 pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config) {
   auto option = [&](const char* name) { return cupsGetOption(name, numOptions, options); };
+  auto yes = [](const char* on) {
+    return on != nullptr &&
+           (strcmp(on, "true") == 0 || strcmp(on, "yes") == 0 || strcmp(on, "1") == 0);
+  };
   if (const char* dir = option("page-directory"))
     config->pageDirectory = dir;
   if (const char* dir = option("image-directory"))
     config->imageDirectory = dir;
-  if (const char* on = option("debug-images"))
-    config->debugImages = strcmp(on, "true") == 0 || strcmp(on, "yes") == 0 || strcmp(on, "1") == 0;
+  config->debugImages = yes(option("debug-images"));
+  AppAccess& access = config->access;
+  if (const char* service = option("auth-service"))
+    access.authService = service;
+  if (const char* group = option("admin-group"))
+    access.adminGroup = group;
+  if (const char* dir = option("file-device-directory"))
+    access.fileDeviceDirectory = dir;
+  access.openAdmin = yes(option("allow-unauthenticated-admin"));
 
   const char* spool = option("spool-directory");
   const std::string spoolDir = spool != nullptr ? spool : defaultSpoolDirectory();
   const char* port = option("server-port");
+  // The login is checked by appAuthorize (with PAM), not by PAPPL, which would
+  // ask every client for one, printing included.
   pappl_system_t* system = papplSystemCreate(
       PAPPL_SOPTIONS_MULTI_QUEUE | PAPPL_SOPTIONS_WEB_INTERFACE, "ostra-printer-app",
       port != nullptr ? atoi(port) : 0, "_print,_universal", spoolDir.c_str(), option("log-file"),
-      logLevel(option("log-level")), option("auth-service"), false);
+      logLevel(option("log-level")), nullptr, false);
   if (system == nullptr)
     return nullptr;
-  if (const char* group = option("admin-group"))
-    papplSystemSetAdminGroup(system, group);
+  papplSystemSetAdminGroup(system, access.adminGroup.c_str());
+  papplSystemSetAuthCallback(system, "Basic", appAuthorize, &access);
+  if (const char* host = option("server-hostname"))
+    papplSystemSetHostName(system, host);
   if (option("private-server") == nullptr)
     papplSystemAddListeners(system, option("listen-hostname"));
   // Without a footer PAPPL's web pages fail.
   papplSystemSetFooterHTML(system, kFooter);
   papplSystemAddStringsData(system, "/en.strings", "en", kStrings);
-  if (!avahiRunning())
-    papplSystemAddResourceCallback(system, "/addprinter", "text/html", addPrinterWithoutDiscovery,
-                                   nullptr);
+  papplSystemAddResourceCallback(system, "/addprinter", "text/html", addPrinterPage, system);
   papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
                                kDrivers, nullptr, nullptr, driverCallback, config);
   // Loaded once the drivers are known: each saved printer is made again.
@@ -448,7 +496,90 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   return system;
 }
 
+namespace {
+
+constexpr const char* kServerOptions[] = {"admin-group",     "allow-unauthenticated-admin",
+                                          "auth-service",    "control-socket",
+                                          "debug-images",    "file-device-directory",
+                                          "image-directory", "listen-hostname",
+                                          "log-file",        "log-level",
+                                          "page-directory",  "private-server",
+                                          "server-hostname", "server-port",
+                                          "spool-directory", "state-file"};
+
+// Where the command line looks for a server of this user (PAPPL's place), and
+// where the socket really is: in a directory of its own, the gate.
+void controlSocketPaths(const char* option, std::string* path, std::string* link) {
+  const std::string uid = std::to_string(getuid());
+  *link = getuid() == 0 ? "/run/ostra-printer-app.sock"
+                        : std::string(papplGetTempDir()) + "/ostra-printer-app" + uid + ".sock";
+  *path = option != nullptr ? option
+          : getuid() == 0   ? "/run/ostra-printer-app/ostra-printer-app.sock"
+                            : std::string(papplGetTempDir()) + "/ostra-printer-app" + uid +
+                                ".run/ostra-printer-app.sock";
+}
+
+// The server sub-command: PAPPL's main loop would leave its control socket,
+// through which every local client is an admin, open to all users.
+int runServer(int numOptions, cups_option_t* options) {
+  for (int i = 0; i < numOptions; ++i) {
+    if (std::none_of(std::begin(kServerOptions), std::end(kServerOptions),
+                     [&](const char* name) { return strcmp(name, options[i].name) == 0; })) {
+      fprintf(stderr, "ostra-printer-app: Unknown server option \"%s\".\n", options[i].name);
+      return 1;
+    }
+  }
+  // State, TLS keys, spooled documents and page records are the server's own.
+  umask(077);
+  static AppConfig config;
+  pappl_system_t* system = appCreateSystem(numOptions, options, &config);
+  if (system == nullptr) {
+    fputs("ostra-printer-app: Failed to create a system.\n", stderr);
+    return 1;
+  }
+  // As root, libcups keeps the TLS key in CUPS's own directory; one made
+  // there before this server set its umask was readable by every user.
+  char host[256];
+  if (getuid() == 0 && papplSystemGetHostName(system, host, sizeof(host)) != nullptr)
+    chmod(("/etc/cups/ssl/" + std::string(host) + ".key").c_str(), 0600);
+  pappl_version_t version{};
+  snprintf(version.name, sizeof(version.name), "ostra-printer-app");
+  snprintf(version.sversion, sizeof(version.sversion), "%s", kVersion);
+  version.version[0] = 1;
+  papplSystemSetVersions(system, 1, &version);
+  std::string path, link, error;
+  controlSocketPaths(cupsGetOption("control-socket", numOptions, options), &path, &link);
+  if (!appListenControlSocket(system, path, link, config.access, &error)) {
+    papplLog(system, PAPPL_LOGLEVEL_FATAL, "Control socket: %s.", error.c_str());
+    fprintf(stderr, "ostra-printer-app: Control socket: %s.\n", error.c_str());
+    return 1;
+  }
+  papplSystemRun(system);
+  return 0;
+}
+
+}  // namespace
+
 int appMain(int argc, char* argv[]) {
+  // "server" with -o options only runs here; anything else is PAPPL's.
+  bool server = false;
+  int numOptions = 0;
+  cups_option_t* options = nullptr;
+  int i = 1;
+  for (; i < argc; ++i) {
+    if (strcmp(argv[i], "server") == 0 && !server)
+      server = true;
+    else if (strcmp(argv[i], "-o") == 0 && i + 1 < argc)
+      numOptions = cupsParseOptions(argv[++i], numOptions, &options);
+    else
+      break;
+  }
+  if (server && i == argc) {
+    const int status = runServer(numOptions, options);
+    cupsFreeOptions(numOptions, options);
+    return status;
+  }
+  cupsFreeOptions(numOptions, options);
   static AppConfig config;
   return papplMainloop(argc, argv, kVersion, kFooter,
                        static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])), kDrivers, nullptr,

@@ -98,6 +98,14 @@ class AppJob {
   bool gray_ = false;
 };
 
+// How administration is guarded; set from the server options.
+struct AppAccess {
+  std::string authService = "ostra-printer-app";  // PAM service that checks an admin's password
+  std::string adminGroup = "lpadmin";             // an admin is a member of it
+  bool openAdmin = false;                         // loopback clients administer without a login
+  std::string fileDeviceDirectory;                // file:// devices only inside it; none if empty
+};
+
 // The PAPPL side. What the application is started with, beyond PAPPL's own
 // options.
 struct AppConfig {
@@ -105,15 +113,19 @@ struct AppConfig {
   std::string imageDirectory = PrinterPaths().imageDir;
   bool debugImages = false;
   std::string stateFile;  // printers and their defaults; where PAPPL keeps them if not given
+  AppAccess access;
 };
 
 typedef struct _pappl_system_s pappl_system_t;
 // The drivers, one per resolution, and the system with them: options are
 // papplMainloop's (log-level, log-file, spool-directory, server-port,
-// listen-hostname, private-server) plus page-directory, image-directory,
-// debug-images and state-file.
+// server-name, listen-hostname, private-server, admin-group, auth-service)
+// plus page-directory, image-directory, debug-images, state-file,
+// file-device-directory and allow-unauthenticated-admin.
 pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config);
-// The printer application's main: papplMainloop with the drivers above.
+// The printer application's main: the server runs here (its control socket
+// needs care PAPPL's main loop does not take); every other sub-command is
+// papplMainloop's, with the drivers above.
 int appMain(int argc, char* argv[]);
 
 #endif  // OSTRA_APP_OSTRA_APP_H
