@@ -1,0 +1,101 @@
+#!/bin/sh
+# The printer application as a shop's network meets it: the shipped unit's
+# server, run as its own user in a network namespace "shop", and clients on
+# that host (user nobody; an admin on the control socket) and on another,
+# "phone", a second namespace joined by a veth pair. Anyone may print; adding,
+# changing and deleting printers and their defaults needs an admin's login,
+# and no client chooses where the server writes. Runs in sandbox.sh's mount
+# namespace.
+#   app_network.sh BUILD_DIR
+set -eu
+build=$1 src=$(cd "$(dirname "$0")/../.." && pwd) w=/tmp/app-network
+tests=$src/tests/e2e/ipp
+mkdir -p $w/out && chmod 1777 $w/out  # clients' pages
+. "$src/tests/support/app_service.sh"
+fail() { echo "FAIL: $*; the server's log:" && grep -v '^D' $w/app.log; exit 1; }
+
+ip netns add shop && ip netns add phone
+ip link add veth0 netns shop type veth peer name veth1 netns phone
+ip -n shop addr add 10.231.0.1/24 dev veth0 && ip -n phone addr add 10.231.0.2/24 dev veth1
+for dev in shop:veth0 phone:veth1 shop:lo phone:lo; do ip -n ${dev%:*} link set ${dev#*:} up; done
+install -d -o ostra-printer-app $w/dev
+app_start "ip netns exec shop" -o file-device-directory=$w/dev -o log-level=debug
+trap 'pkill -f "ostra-printer-app server" || :' EXIT
+end=$(($(date +%s) + 30))
+until ip netns exec shop curl -so /dev/null http://127.0.0.1:8000/; do
+  [ "$(date +%s)" -lt $end ] || fail "the server did not start"
+  sleep 0.2
+done
+[ "$(stat -c %a:%G /run/ostra-printer-app)" = 750:lpadmin ] || fail "socket directory open"
+[ "$(stat -c %a /run/ostra-printer-app/ostra-printer-app.sock)" = 660 ] || fail "socket mode"
+
+# CLIENT: where a request comes from; HOST: the server's address there.
+local="ip netns exec shop setpriv --reuid=nobody --regid=nogroup --clear-groups"
+phone="ip netns exec phone"
+ipp() { # CLIENT HOST LOGIN TEST NAME: ipptool's verdict on TEST for printer NAME
+  $1 ipptool -q -T 20 -d device=file://$w/dev -d file=$w/doc.png -d id=$id -d name=$5 \
+    "ipp://$3$2/ipp/system" "$tests/$4.test"
+}
+socket() { # USER TEST: TEST over the control socket as USER
+  setpriv --reuid=$1 --regid=$1 --init-groups ipptool -q -d id=$id \
+    "ipp://%2Frun%2Fostra-printer-app.sock/ipp/system" "$tests/$2.test"
+}
+web() { # CLIENT BASE LOGIN PATH [FORM]: the page answers 200
+  [ "$($1 curl -sk ${3:+-u $3} -o $w/out/page.html -w '%{http_code}' ${5:+--data "$5"} "$2$4")" = 200 ]
+}
+form() { # CLIENT BASE PRINTER: the printing defaults form, with its session token
+  web "$1" "$2" boss:boss-pw /$3/printing || fail "no form for $3"
+  echo "session=$(sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1)\
+&halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off"
+}
+check() { # WANT LABEL COMMAND...: WANT is allowed or refused
+  want=$1 label=$2 && shift 2
+  if "$@" >>$w/clients.log 2>&1; then got=allowed; else got=refused; fi
+  [ $got = $want ] || fail "$label: $got"
+  echo "$label: $got"
+}
+
+pdftoppm -png -r 60 -singlefile "$src/samples/sample.pdf" $w/doc
+chmod -R a+rX $w
+admin=boss:boss-pw@ state=/var/lib/ostra-printer-app/ostra-printer-app.state
+# PAPPL 1.3.1 answers printer-id 0 for a printer made since it started (fixed
+# in 1.4.3): each client's printer is known by its place in the order made.
+id=0
+for client in local phone; do
+  eval c=\$$client id=$((id + 1))
+  if [ $client = local ]; then host=127.0.0.1:8000; else host=10.231.0.1:8000; fi
+  base=https://$host p=$client-printer
+  for op in create-printer set-printer; do
+    check refused "$client $op without a login" ipp "$c" $host "" $op $p
+    check refused "$client $op by joe (no admin)" ipp "$c" $host joe:joe-pw@ $op $p
+    check allowed "$client $op by an admin" ipp "$c" $host $admin $op $p
+  done
+  check refused "$client file device outside the directory" \
+    ipp "$c" $host $admin create-printer "$p-2 -d device=file://$state"
+  defaults=$(form "$c" $base $p)
+  check refused "$client web defaults without a login" web "$c" $base "" /$p/printing "$defaults"
+  check allowed "$client web defaults by an admin" web "$c" $base boss:boss-pw /$p/printing \
+    "$defaults"
+  grep -q "Changes saved" $w/out/page.html || fail "$client: the defaults were not saved"
+  check refused "$client add-printer page without a login" \
+    web "$c" $base "" /addprinter "printer_name=x&device_uri=file:///var/lib/x"
+  check allowed "$client add-printer page by an admin" web "$c" $base boss:boss-pw /addprinter
+  check allowed "$client prints without a login" ipp "$c" $host "" print-job $p
+  check refused "$client delete-printer without a login" ipp "$c" $host "" delete-printer $p
+done
+id=1
+check refused "control socket as joe" socket joe delete-printer
+check allowed "control socket as boss (lpadmin)" socket boss delete-printer
+
+# The phone's job printed with the default set through the web page, its
+# record in the page directory it shares with the filter.
+end=$(($(date +%s) + 60))
+until [ "$(ls /var/spool/cups/tmp/otv6data 2>/dev/null | grep -c '^page_')" = 2 ]; do
+  [ "$(date +%s)" -lt $end ] || fail "page records: $(ls -l /var/spool/cups/tmp/otv6data)"
+  sleep 0.2
+done
+[ "$(grep -c 'RV dithering is enabled' $w/app.log)" = 2 ] || fail "the web default was not used"
+[ "$(stat -c %a:%U /var/lib/ostra-printer-app/.cups/ssl/*.key)" = 600:ostra-printer-app ] ||
+  fail "TLS key: $(ls -l /var/lib/ostra-printer-app/.cups/ssl)"
+"$build/ostra-preview" -o $w /var/spool/cups/tmp/otv6data/page_*.dat >/dev/null ||
+  fail "page records refused"
