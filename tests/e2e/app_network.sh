@@ -14,12 +14,8 @@ mkdir -p $w/out && chmod 1777 $w/out  # clients' pages
 . "$src/tests/support/app_service.sh"
 fail() { echo "FAIL: $*; the server's log:" && grep -v '^D' $w/app.log; exit 1; }
 
-ip netns add shop && ip netns add phone
-ip link add veth0 netns shop type veth peer name veth1 netns phone
-ip -n shop addr add 10.231.0.1/24 dev veth0 && ip -n phone addr add 10.231.0.2/24 dev veth1
-for dev in shop:veth0 phone:veth1 shop:lo phone:lo; do ip -n ${dev%:*} link set ${dev#*:} up; done
 install -d -o ostra-printer-app $w/dev
-app_start "ip netns exec shop" -o file-device-directory=$w/dev -o log-level=debug
+app_start -o file-device-directory=$w/dev -o log-level=debug
 trap 'pkill -f "ostra-printer-app server" || :' EXIT
 end=$(($(date +%s) + 30))
 until ip netns exec shop curl -so /dev/null http://127.0.0.1:8000/; do
@@ -81,6 +77,8 @@ for client in local phone; do
     web "$c" $base "" /addprinter "printer_name=x&device_uri=file:///var/lib/x"
   check allowed "$client add-printer page by an admin" web "$c" $base boss:boss-pw /addprinter
   check allowed "$client prints without a login" ipp "$c" $host "" print-job $p
+  check allowed "$client sees its own job" ipp "$c" $host "" get-job "$p -d job=1 -d who=phone"
+  check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=1 -d who=x"
   check refused "$client delete-printer without a login" ipp "$c" $host "" delete-printer $p
 done
 id=1
@@ -99,3 +97,4 @@ done
   fail "TLS key: $(ls -l /var/lib/ostra-printer-app/.cups/ssl)"
 "$build/ostra-preview" -o $w /var/spool/cups/tmp/otv6data/page_*.dat >/dev/null ||
   fail "page records refused"
+pgrep -f "ostra-printer-app server" >/dev/null || fail "the server is gone"

@@ -1,20 +1,21 @@
 #!/bin/sh
 # The installed driver under a real cupsd that reads and writes only tmpfs of
 # sandbox.sh's private namespace: queue, jobs, debug image ageing, uninstall,
-# cancel; then the printer application behind the same cupsd.
+# cancel; then the printer application behind the same cupsd, on another
+# host (network namespaces made by app_service.sh).
 #   cupsd_job.sh BUILD_DIR CUPS_SERVERBIN CUPS_DATADIR TMPFILES_DIR
 set -eu
 build=$1 filters=$2/filter models=$3/model tmpfiles=$4
-doc=$(cd "$(dirname "$0")/../.." && pwd)/samples/sample.pdf
+src=$(cd "$(dirname "$0")/../.." && pwd) && doc=$src/samples/sample.pdf
 w=/tmp/cupsd stage=/tmp/cupsd/stage sock=/tmp/cupsd/sock records=/var/spool/cups/tmp/otv6data
 mount -t tmpfs -o mode=0755 ostra-run /run  # cupsd's default place for its state
 mkdir -p $w/etc $w/spool/tmp $w/state $w/cache $w/log $w/out
-fail() { echo "FAIL: $*; error_log without debug lines:" && grep -v '^D' /tmp/cupsd/log/error_log; exit 1; }
+fail() { echo "FAIL: $*; error_log without debug lines:" && grep -v '^D' $w/log/error_log; exit 1; }
 # Waits up to a minute for CONDITION; a stopped queue or job fails at once.
 poll() {
   end=$(($(date +%s) + 60)) && until eval "$1"; do
     ! lpstat -h $sock -p ostra 2>/dev/null | grep -q disabled || fail "queue stopped"
-    ! grep -q '\] Job stopped' /tmp/cupsd/log/error_log 2>/dev/null || fail "job stopped"
+    ! grep -q '\] Job stopped' $w/log/error_log 2>/dev/null || fail "job stopped"
     [ "$(date +%s)" -lt $end ] || fail "waited a minute for $1"
     sleep 0.1
   done
@@ -36,7 +37,8 @@ printf '%s\n' "User lp" "Group lp" "SystemGroup root" "FileDevice Yes" "ServerRo
   "RequestRoot $w/spool" "TempDir $w/spool/tmp" "StateDir $w/state" "CacheDir $w/cache" \
   "ErrorLog $w/log/error_log" "AccessLog $w/log/access_log" "PageLog $w/log/page_log" \
   "Printcap $w/state/printcap" "SetEnv ASAN_OPTIONS detect_leaks=0" >$w/etc/cups-files.conf
-cupsd -f -c $w/etc/cupsd.conf -s $w/etc/cups-files.conf &
+[ ! -x "$build/ostra-printer-app" ] || . "$src/tests/support/app_service.sh"
+ip netns exec phone cupsd -f -c $w/etc/cupsd.conf -s $w/etc/cups-files.conf &
 cupsd=$!
 trap 'kill $cupsd && wait $cupsd || :' EXIT
 poll "[ -S $sock ] || ! kill -0 $cupsd"
@@ -81,32 +83,29 @@ preview || fail "a page record was left half-written"
 after=$(od -An -tu2 $records/ostra.pgc)
 [ $after -gt $before ] || fail "page counter $before before the cancelled job, $after after it"
 
-# The printer application behind the same cupsd, run as its unit runs it: a
+# The printer application on the shop's host, run as its unit runs it: a
 # "Stencils" printer whose default halftone is the tattoo stencil (through
 # CUPS only media, media type and quality travel with a job), a queue made
-# with "lpadmin -m everywhere" on its loopback URI, and a real PDF printed to it.
+# with "lpadmin -m everywhere" on the phone's host, and a real PDF printed to
+# it: over the network, so PAPPL has the client switch to TLS first.
 [ -x "$build/ostra-printer-app" ] || exit 0
-src=$(cd "$(dirname "$0")/../.." && pwd) w=$w/app
-. "$src/tests/support/app_service.sh"
-# A port of its own: another test's server may hold any fixed one.
-app=$build/ostra-printer-app pages=$w/pages port=$(shuf -i 20000-60000 -n 1)
-install -d -o ostra-printer-app $pages && chmod 1777 $w/../out
+app=$build/ostra-printer-app pages=$w/pages state=/var/lib/ostra-printer-app/ostra-printer-app.state
+install -d -o ostra-printer-app $pages && chmod 1777 $w/out
 # Under ASan, leaks at exit are PAPPL's (its command line and server): the
 # in-process tests check the application's own.
 export ASAN_OPTIONS=detect_leaks=0
-app_start "" -o server-port=$port -o listen-hostname=localhost -o page-directory=$pages \
-  -o log-level=debug -o file-device-directory=$w/../out
+app_start -o page-directory=$pages -o log-level=debug -o file-device-directory=$w/out
 trap 'kill $cupsd && wait $cupsd; pkill -f "ostra-printer-app server" || :' EXIT
-poll '"$app" status 2>/dev/null | grep -q Running && grep -q "on .localhost:$port" $w/app.log'
-"$app" add -d stencils -m ostra_203 -v file://$w/../out
+poll '"$app" status 2>/dev/null | grep -q Running && grep -q "on .\*:8000" $w/app.log'
+"$app" add -d stencils -m ostra_203 -v file://$w/out
 "$app" modify -d stencils -o halftone-type-default=tattoo -o print-speed-default=6in
-lpadmin -h $sock -p stencils -E -v ipp://localhost:$port/ipp/print/stencils -m everywhere
-poll 'grep -qs cupsFilter2 $w/../etc/ppd/stencils.ppd'  # cupsd makes the PPD after lpadmin returns
+lpadmin -h $sock -p stencils -E -v ipp://10.231.0.1:8000/ipp/print/stencils -m everywhere
+poll 'grep -qs cupsFilter2 $w/etc/ppd/stencils.ppd'  # cupsd makes the PPD after lpadmin returns
 lp -h $sock -d stencils "$doc" >/dev/null
 poll '[ "$(ls $pages 2>/dev/null | grep -c "^page_")" = 2 ]'
-(cd $pages && "$build/ostra-preview" -o $w/../out page_*.dat >/dev/null) || fail "app records refused"
+(cd $pages && "$build/ostra-preview" -o $w/out page_*.dat >/dev/null) || fail "app records refused"
 grep -q 'RV dithering is enabled' $w/app.log || fail "the printer's default halftone was not used"
-state=/var/lib/ostra-printer-app/ostra-printer-app.state
 grep -q 'halftone-type-default tattoo' $state || fail "the printer's default was not saved"
 grep -q 'print-speed-default 15240' $state || fail "the printer's speed was not saved"
-od -An -tx1 -N7 $w/../out/sample.pdf.prn | grep -q '1b 73 01 00 00 04 01' || fail "speed 6 not sent"
+od -An -tx1 -N7 $w/out/sample.pdf.prn | grep -q '1b 73 01 00 00 04 01' || fail "speed 6 not sent"
+grep -q 'Connection now encrypted' $w/app.log || fail "the queue did not switch to TLS"
