@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -39,6 +40,10 @@ int converse(int count, const struct pam_message** messages, struct pam_response
 }
 
 bool pamAccepts(const std::string& service, const Login& login, const char* host) {
+  // Client threads log in side by side, and PAM modules need not be thread
+  // safe (the password file's module calls crypt()).
+  static std::mutex one;
+  std::lock_guard<std::mutex> lock(one);
   pam_conv conversation{converse, const_cast<Login*>(&login)};
   pam_handle_t* pam = nullptr;
   int status = pam_start(service.c_str(), login.user, &conversation, &pam);
