@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -149,6 +150,11 @@ http_status_t appAuthorize(pappl_client_t* client, const char* group, gid_t /*gr
     return HTTP_STATUS_UNAUTHORIZED;
   }
   *colon = '\0';
+  // No user name has control characters; they would only forge log lines.
+  if (std::any_of(text, colon, [](char c) { return static_cast<unsigned char>(c) < ' '; })) {
+    papplLogClient(client, PAPPL_LOGLEVEL_WARN, "A login name with control characters refused.");
+    return HTTP_STATUS_UNAUTHORIZED;
+  }
   const Login login{text, colon + 1};
   const bool accepted = pamAccepts(access->authService, login, papplClientGetHostName(client));
   explicit_bzero(colon + 1, strlen(colon + 1));
@@ -217,10 +223,11 @@ bool appListenControlSocket(pappl_system_t* system, const std::string& path,
     return false;
   }
   // The directory is the gate: the socket itself is made open to all for a
-  // moment, before its mode can be set.
+  // moment, before its mode can be set. Root takes the service's directory as
+  // it is (the service does not run while root's server holds its port).
   struct stat info;
   if (lstat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
-      (info.st_uid != geteuid() && info.st_uid != 0) || (info.st_mode & S_IRWXO) != 0 ||
+      (info.st_uid != geteuid() && info.st_uid != 0 && !root) || (info.st_mode & S_IRWXO) != 0 ||
       ((info.st_mode & S_IRWXG) != 0 && info.st_gid != admins && info.st_gid != getegid())) {
     *error = dir + " must be a directory of this user or root that other users cannot enter";
     return false;
