@@ -167,6 +167,7 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
   if (bad.name != nullptr)
     return bad.name;
   header_ = header;
+  rows_ = 0;
   copyText(header_.cupsPageSizeName, sizeof(header_.cupsPageSizeName), ppdPageSize);
   try {
     page_.assign(static_cast<size_t>(header.cupsBytesPerLine) * header.cupsHeight, 0);
@@ -180,6 +181,7 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
 void AppJob::writeRow(unsigned y, const unsigned char* row) {
   if (y >= header_.cupsHeight || page_.empty())
     return;
+  ++rows_;
   unsigned char* dst = page_.data() + static_cast<size_t>(y) * header_.cupsBytesPerLine;
   for (unsigned x = 0; x < header_.cupsBytesPerLine; ++x)
     dst[x] = gray_ ? static_cast<unsigned char>(255 - row[x]) : row[x];
@@ -188,6 +190,13 @@ void AppJob::writeRow(unsigned y, const unsigned char* row) {
 bool AppJob::endPage(bool canceled) {
   if (canceled || page_.empty())
     return true;
+  // A document that ends inside a page leaves it unprinted: half a label is
+  // not what was sent.
+  if (rows_ < header_.cupsHeight) {
+    kiwaLogCommon(KIWA_LOG_ERROR, "The page ended after %u of its %u rows: it is not printed",
+                  rows_, header_.cupsHeight);
+    return false;
+  }
   try {
     printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
                         header_.cupsWidth);

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "app/app_access.h"
+#include "app/app_image.h"
 #include "app/ostra_app.h"
 
 namespace {
@@ -21,6 +22,7 @@ constexpr char kFooter[] =
     "Ostra label and tattoo stencil printer application. Pages print through the same "
     "page pipeline as the CUPS filter rastertoostra.";
 constexpr int kHundredthsMmPerInch = 2540;
+constexpr char kNativeFormat[] = "application/vnd.kiwa-ostra";
 
 pappl_pr_driver_t kDrivers[] = {
     {"ostra_203", "Kiwa Ostra 203 dpi", "MFG:Kiwa;MDL:Ostra;CMD:OSTRA;", nullptr},
@@ -186,6 +188,11 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
     return false;
   const bool kept = jd->job->endPage(papplJobIsCanceled(job));
   papplDeviceFlush(device);
+  if (!kept)
+    papplJobSetReasons(job,
+                       jd->job->pageIncomplete() ? PAPPL_JREASON_DOCUMENT_FORMAT_ERROR
+                                                 : PAPPL_JREASON_ERRORS_DETECTED,
+                       PAPPL_JREASON_NONE);
   return kept;
 }
 
@@ -285,7 +292,7 @@ bool driverCallback(pappl_system_t* system, const char* driverName, const char* 
   // See refuseFile: a named native format keeps other documents from crashing
   // the application.
   data->printfile_cb = refuseFile;
-  data->format = "application/vnd.kiwa-ostra";
+  data->format = kNativeFormat;
 
   snprintf(data->make_and_model, sizeof(data->make_and_model), "Kiwa Ostra %d dpi", dpi);
   data->ppm = 10;
@@ -476,6 +483,11 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
       logLevel(option("log-level")), nullptr, false);
   if (system == nullptr)
     return nullptr;
+  // Images are read here, within the printer's limits; PAPPL looks for a
+  // filter to the printer's own format before its own readers.
+  papplSystemSetMaxImageSize(system, kAppImageMaxPixels * 3, kAppImageMaxSide, kAppImageMaxSide);
+  papplSystemAddMIMEFilter(system, "image/png", kNativeFormat, appFilterPng, nullptr);
+  papplSystemAddMIMEFilter(system, "image/jpeg", kNativeFormat, appFilterJpeg, nullptr);
   papplSystemSetAdminGroup(system, access.adminGroup.c_str());
   papplSystemSetAuthCallback(system, "Basic", appAuthorize, &access);
   if (const char* host = option("server-hostname"))
@@ -558,9 +570,28 @@ int runServer(int numOptions, cups_option_t* options) {
   return 0;
 }
 
+// PAPPL 1.3.1's "status" starts a server when none runs, so it always says
+// one does; here it says none runs and fails instead.
+bool serverRuns() {
+  std::string path, link;
+  controlSocketPaths(nullptr, &path, &link);
+  for (const std::string& socket : {link, std::string("/run/ostra-printer-app.sock")}) {
+    if (http_t* http = httpConnect2(socket.c_str(), 0, nullptr, AF_UNSPEC,
+                                    HTTP_ENCRYPTION_IF_REQUESTED, 1, 5000, nullptr)) {
+      httpClose(http);
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 int appMain(int argc, char* argv[]) {
+  if (argc == 2 && strcmp(argv[1], "status") == 0 && !serverRuns()) {
+    fputs("ostra-printer-app: No server is running.\n", stderr);
+    return 1;
+  }
   // "server" with -o options only runs here; anything else is PAPPL's.
   bool server = false;
   int numOptions = 0;

@@ -82,8 +82,10 @@ class AppJob {
   // (0 black), as the page header says.
   void writeRow(unsigned y, const unsigned char* row);
   // Prints the page unless the job was cancelled; false when it could not be
-  // kept (no memory, a full disk).
+  // kept (no memory, a full disk) or not every row arrived.
   bool endPage(bool canceled);
+  // Whether the last page ended before all its rows arrived.
+  bool pageIncomplete() const { return rows_ < header_.cupsHeight; }
   // Stores the page counter after the last page.
   bool end();
 
@@ -95,6 +97,7 @@ class AppJob {
   OstraPrinter printer_;
   cups_page_header2_t header_{};
   std::vector<unsigned char> page_;
+  unsigned rows_ = 0;  // of this page that arrived
   bool gray_ = false;
 };
 

@@ -5,11 +5,13 @@
 #include <cups/raster.h>
 #include <gtest/gtest.h>
 #include <pappl/pappl.h>
+#include <png.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
@@ -239,6 +241,65 @@ TEST_F(AppServer, AnswersAndPrints) {
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }
+}
+
+// A document that cannot be printed as sent aborts its own job within 10 s,
+// with a reason and one log line, and leaves no record; the printer goes on.
+TEST_F(AppServer, BadDocumentsAbortOnlyTheirJob) {
+  start("private-server=yes");
+  Client client(socket);
+  ASSERT_EQ(sh("cd '" + dir +
+               "' && pdftoppm -r 40 -gray -f 1 -l 1 -png " OSTRA_SOURCE_DIR
+               "/samples/sample.pdf ok && pdftoppm -r 40 -gray -f 1 -l 1 -jpeg " OSTRA_SOURCE_DIR
+               "/samples/sample.pdf ok"),
+            0);
+  auto save = [&](const std::string& name, const std::string& bytes) {
+    std::ofstream(dir + "/" + name, std::ios::binary) << bytes;
+    return dir + "/" + name;
+  };
+  const std::string png = readFile(dir + "/ok-1.png"), jpeg = readFile(dir + "/ok-1.jpg");
+  writePwg(dir + "/page.pwg", false);
+  const std::string pwg = readFile(dir + "/page.pwg");
+  // A PNG that says it is 100000 pixels square, and ends there.
+  FILE* huge = fopen((dir + "/huge.png").c_str(), "wb");
+  png_structp w = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(w);
+  png_init_io(w, huge);
+  png_set_IHDR(w, info, 100000, 100000, 8, PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE,
+               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_set_compression_level(w, 0);  // the row goes out uncompressed, at once
+  png_write_info(w, info);
+  png_write_row(w, std::vector<png_byte>(100000).data());
+  png_destroy_write_struct(&w, &info);
+  fclose(huge);
+  const struct {
+    std::string file;
+    const char *format, *reason;
+  } cases[] = {
+      {dir + "/huge.png", "image/png", "document-unprintable-error"},
+      {save("cut.png", png.substr(0, png.size() / 2)), "image/png", "document-format-error"},
+      {OSTRA_SOURCE_DIR "/samples/sample.pdf", "image/png", "document-format-error"},
+      {save("cut.jpg", jpeg.substr(0, jpeg.size() / 2)), "image/jpeg", "document-format-error"},
+      {save("junk.jpg", "\xff\xd8" + std::string(300, 'Z')), "image/jpeg", "document-format-error"},
+      {save("cut.pwg", pwg.substr(0, pwg.size() * 3 / 5)), "image/pwg-raster",
+       "document-format-error"},
+  };
+  for (const auto& c : cases) {
+    const auto begin = std::chrono::steady_clock::now();
+    const int id = client.submit(c.file, c.format, nullptr, nullptr);
+    EXPECT_EQ(client.job(id, IPP_OP_GET_JOB_ATTRIBUTES), IPP_JSTATE_ABORTED) << c.file;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << c.file;
+    ipp_t* q = client.request(IPP_OP_GET_JOB_ATTRIBUTES);
+    ippAddInteger(q, IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", id);
+    ipp_t* a = client.send(q);
+    EXPECT_NE(valuesOf(a, "job-state-reasons").find(c.reason), std::string::npos) << c.file;
+    ippDelete(a);
+  }
+  // An empty document is refused at once.
+  EXPECT_EQ(client.submit(save("empty.png", ""), "image/png", nullptr, nullptr), 0);
+  EXPECT_EQ(sh("grep -c 'cannot be printed\\|ended after' '" + dir + "/log' | grep -qx 6"), 0);
+  EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 0"), 0);
+  EXPECT_GT(client.print(dir + "/ok-1.jpg", "image/jpeg", nullptr, nullptr), 0);
 }
 
 // Every page of the web interface in headless Chromium, which cannot log in:
