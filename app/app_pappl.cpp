@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/app_access.h"
 #include "app/app_image.h"
@@ -57,13 +58,29 @@ constexpr char kStrings[] = R"strings("halftone-type" = "Halftone method";
 struct AppPrinter {
   PrinterState state;
   PrinterPaths paths;
+  int jobTimeLimit = 0;
 };
 
 // One job in progress; its log lines go to the job's log.
 struct AppJobData {
   std::unique_ptr<FILE, int (*)(FILE*)> device{nullptr, fclose};
   std::unique_ptr<AppJob> job;
+  time_t deadline = 0;  // 0: none
+  int limit = 0;
 };
+
+// A job still at work after the time limit stops at once and is aborted: the
+// longest page takes seconds, and the printer's other jobs wait behind it.
+// Times are whole seconds, so the limit is passed only a second after it.
+bool pastDeadline(pappl_job_t* job, AppJobData* jd) {
+  if (jd->deadline == 0 || time(nullptr) <= jd->deadline || papplJobIsCanceled(job))
+    return false;
+  papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Stopped: not done within %d s (job-time-limit).",
+              jd->limit);
+  papplJobSetReasons(job, PAPPL_JREASON_ABORTED_BY_SYSTEM, PAPPL_JREASON_NONE);
+  jd->deadline = 0;  // said once
+  return true;
+}
 
 ssize_t deviceWrite(void* cookie, const char* data, size_t size) {
   return papplDeviceWrite(static_cast<pappl_device_t*>(cookie), data, size);
@@ -150,7 +167,14 @@ bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* dev
   const Settings settings = appJobSettings(jobValues(job, options), papplPrinterGetName(printer));
   jd->job = std::make_unique<AppJob>(own->state, own->paths, settings, papplJobGetID(job),
                                      jd->device.get());
-  jd->job->printer().setCancelCheck([job] { return papplJobIsCanceled(job); });
+  if (own->jobTimeLimit > 0) {
+    jd->limit = own->jobTimeLimit;
+    jd->deadline = papplJobGetTimeProcessed(job) + own->jobTimeLimit;
+  }
+  const time_t deadline = jd->deadline;
+  jd->job->printer().setCancelCheck([job, deadline] {
+    return papplJobIsCanceled(job) || (deadline != 0 && time(nullptr) > deadline);
+  });
   papplJobSetData(job, jd.release());
   return true;
 }
@@ -158,7 +182,7 @@ bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* dev
 bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device,
                unsigned /*page*/) {
   AppJobData* jd = jobData(job);
-  if (jd == nullptr)
+  if (jd == nullptr || pastDeadline(job, jd))
     return false;
   const AppMedia* media = appMediaByPwg(options->media.size_name);
   const char* problem = jd->job->startPage(options->header, media != nullptr ? media->ppd : "");
@@ -186,9 +210,13 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
   AppJobData* jd = jobData(job);
   if (jd == nullptr)
     return false;
-  const bool kept = jd->job->endPage(papplJobIsCanceled(job));
+  bool late = pastDeadline(job, jd);
+  bool kept = jd->job->endPage(papplJobIsCanceled(job) || late);
+  // The limit may pass while the page is processed, which then stops short.
+  late = late || pastDeadline(job, jd);
+  kept = kept && !late;
   papplDeviceFlush(device);
-  if (!kept)
+  if (!kept && !late)
     papplJobSetReasons(job,
                        jd->job->pageIncomplete() ? PAPPL_JREASON_DOCUMENT_FORMAT_ERROR
                                                  : PAPPL_JREASON_ERRORS_DETECTED,
@@ -282,6 +310,7 @@ bool driverCallback(pappl_system_t* system, const char* driverName, const char* 
   own->paths.spoolDir = config->pageDirectory;
   own->paths.imageDir = config->imageDirectory;
   own->paths.debugImages = config->debugImages;
+  own->jobTimeLimit = config->jobTimeLimit;
   data->extension = own;
   data->delete_cb = deletePrinter;
   data->rstartjob_cb = startJob;
@@ -471,6 +500,8 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   if (const char* dir = option("file-device-directory"))
     access.fileDeviceDirectory = dir;
   access.openAdmin = yes(option("allow-unauthenticated-admin"));
+  if (const char* limit = option("job-time-limit"))
+    config->jobTimeLimit = atoi(limit);
 
   const char* spool = option("spool-directory");
   const std::string spoolDir = spool != nullptr ? spool : defaultSpoolDirectory();
@@ -513,11 +544,12 @@ namespace {
 constexpr const char* kServerOptions[] = {"admin-group",     "allow-unauthenticated-admin",
                                           "auth-service",    "control-socket",
                                           "debug-images",    "file-device-directory",
-                                          "image-directory", "listen-hostname",
-                                          "log-file",        "log-level",
-                                          "page-directory",  "private-server",
-                                          "server-hostname", "server-port",
-                                          "spool-directory", "state-file"};
+                                          "image-directory", "job-time-limit",
+                                          "listen-hostname", "log-file",
+                                          "log-level",       "page-directory",
+                                          "private-server",  "server-hostname",
+                                          "server-port",     "spool-directory",
+                                          "state-file"};
 
 // Where the command line looks for a server of this user (PAPPL's place), and
 // where the socket really is: in a directory of its own, the gate.

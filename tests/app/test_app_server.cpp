@@ -155,12 +155,12 @@ class AppServer : public testing::Test {
   void start(const std::string& listen) {
     mkdir((dir + "/dev").c_str(), 0755);
     cups_option_t* options = nullptr;
-    const int n =
-        cupsParseOptions(("spool-directory=" + dir + "/spool page-directory=" + dir +
-                          "/pages state-file=" + dir + "/state log-file=" + dir +
-                          "/log log-level=debug file-device-directory=" + dir + "/dev " + listen)
-                             .c_str(),
-                         0, &options);
+    const int n = cupsParseOptions(
+        ("spool-directory=" + dir + "/spool page-directory=" + dir + "/pages state-file=" + dir +
+         "/state log-file=" + dir +
+         "/log log-level=debug job-time-limit=1 file-device-directory=" + dir + "/dev " + listen)
+            .c_str(),
+        0, &options);
     app = appCreateSystem(n, options, &config);
     cupsFreeOptions(n, options);
     ASSERT_NE(app, nullptr);
@@ -237,7 +237,18 @@ TEST_F(AppServer, AnswersAndPrints) {
     ASSERT_EQ(client.job(id, IPP_OP_GET_JOB_ATTRIBUTES, IPP_JSTATE_PROCESSING),
               IPP_JSTATE_PROCESSING);
     EXPECT_EQ(client.job(id, IPP_OP_CANCEL_JOB), IPP_JSTATE_CANCELED);
-    EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 3"), 0);
+    // A hundred copies of it are stopped at the time limit.
+    ipp_t* copies = client.request(IPP_OP_PRINT_JOB);
+    ippAddString(copies, IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", nullptr,
+                 "image/png");
+    ippAddString(copies, IPP_TAG_JOB, IPP_TAG_KEYWORD, "media", nullptr, kAppRollMax);
+    ippAddInteger(copies, IPP_TAG_JOB, IPP_TAG_INTEGER, "copies", 100);
+    ipp_t* sent = client.send(copies, dir + "/sample-1.png");
+    const int late = ippGetInteger(ippFindAttribute(sent, "job-id", IPP_TAG_INTEGER), 0);
+    ippDelete(sent);
+    EXPECT_EQ(client.job(late, IPP_OP_GET_JOB_ATTRIBUTES), IPP_JSTATE_ABORTED);
+    EXPECT_EQ(sh("grep -c 'not done within 1 s' '" + dir + "/log' | grep -qx 1"), 0);
+    EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_0003 | grep -qx 1"), 0);
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }

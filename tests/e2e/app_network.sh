@@ -15,6 +15,8 @@ mkdir -p $w/out && chmod 1777 $w/out  # clients' pages
 fail() { echo "FAIL: $*; the server's log:" && grep -v '^D' $w/app.log; exit 1; }
 
 install -d -o ostra-printer-app $w/dev
+! "$build/ostra-printer-app" status 2>/dev/null && ! pgrep -f "ostra-printer-app server" ||
+  fail "status with no server running"
 app_start -o file-device-directory=$w/dev -o log-level=debug
 trap 'pkill -f "ostra-printer-app server" || :' EXIT
 end=$(($(date +%s) + 30))
