@@ -175,6 +175,8 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
     return "no memory for the page";
   }
   beginPage(&printer_, &settings_, &header_, appMaxMediaWidthMm(), jobId_.c_str());
+  if (printer_.deviceFailed())
+    return "the printer did not take the page's settings";
   return nullptr;
 }
 

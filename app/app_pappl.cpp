@@ -82,8 +82,21 @@ bool pastDeadline(pappl_job_t* job, AppJobData* jd) {
   return true;
 }
 
+// Written through at once: papplDeviceFlush in PAPPL 1.3.1 drops write errors
+// (so does every later release), so what reached the device is read from its
+// byte count.
 ssize_t deviceWrite(void* cookie, const char* data, size_t size) {
-  return papplDeviceWrite(static_cast<pappl_device_t*>(cookie), data, size);
+  auto* device = static_cast<pappl_device_t*>(cookie);
+  pappl_devmetrics_t before, after;
+  papplDeviceFlush(device);
+  papplDeviceGetMetrics(device, &before);
+  papplDeviceWrite(device, data, size);
+  papplDeviceFlush(device);
+  papplDeviceGetMetrics(device, &after);
+  if (after.write_bytes - before.write_bytes == size)
+    return static_cast<ssize_t>(size);
+  errno = EIO;
+  return -1;
 }
 
 // The printer's device as a stream, so the setting block goes out through the
@@ -186,8 +199,15 @@ bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* de
     return false;
   const AppMedia* media = appMediaByPwg(options->media.size_name);
   const char* problem = jd->job->startPage(options->header, media != nullptr ? media->ppd : "");
+  const bool offline = jd->job->printer().deviceFailed();
+  papplPrinterSetReasons(papplJobGetPrinter(job),
+                         offline ? PAPPL_PREASON_OFFLINE : PAPPL_PREASON_NONE,
+                         offline ? PAPPL_PREASON_NONE : PAPPL_PREASON_OFFLINE);
   if (problem != nullptr) {
     papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Page not printed: %s.", problem);
+    papplJobSetReasons(
+        job, offline ? PAPPL_JREASON_ERRORS_DETECTED : PAPPL_JREASON_DOCUMENT_UNPRINTABLE_ERROR,
+        PAPPL_JREASON_NONE);
     return false;
   }
   papplDeviceFlush(device);

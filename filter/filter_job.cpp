@@ -210,6 +210,11 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     memset(page.get(), 0, pageSize);
 
     beginPage(printer.get(), &settings, &header, maxMediaWidthMm, argv[1]);
+    // A page whose settings did not reach the printer is not printed.
+    if (printer->deviceFailed()) {
+      pageLost = true;
+      break;
+    }
 
     ++pageCount;
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));

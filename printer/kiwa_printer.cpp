@@ -1,7 +1,9 @@
 #include "printer/kiwa_printer.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -78,13 +80,24 @@ const char* KiwaPrinter::getCopyRight() const {
 }
 
 void KiwaPrinter::printBytes(const unsigned char* data, unsigned long size) {
-  for (FILE* stream : outputStreams_)
-    fwrite(data, size, 1, stream);
+  for (FILE* stream : outputStreams_) {
+    if (fwrite(data, size, 1, stream) != 1)
+      noteDeviceFailure(errno);
+  }
 }
 
 void KiwaPrinter::flushOutput() {
-  for (FILE* stream : outputStreams_)
-    fflush(stream);
+  for (FILE* stream : outputStreams_) {
+    if (fflush(stream) != 0)
+      noteDeviceFailure(errno);
+  }
+}
+
+void KiwaPrinter::noteDeviceFailure(int error) {
+  if (!deviceFailed_)
+    kiwaLogCommon(KIWA_LOG_ERROR, "Unable to send the print settings to the printer: %s",
+                  strerror(error));
+  deviceFailed_ = true;
 }
 
 void KiwaPrinter::printStr(const char* s) {

@@ -89,11 +89,13 @@ class KiwaPrinter {
   std::vector<FILE*>& getOutputStreams() { return outputStreams_; }
   const char* getCopyRight() const;
 
-  // Every output stream receives the same bytes, in list order; write errors
-  // are ignored.
+  // Every output stream receives the same bytes, in list order. A write or
+  // flush that fails is logged once and sets deviceFailed(): the printer did
+  // not get the settings, and the front end ends the job as failed.
   void printBytes(const unsigned char* data, unsigned long size);
   // Hands what the streams hold on to their readers.
   void flushOutput();
+  bool deviceFailed() const { return deviceFailed_; }
   void printStr(const char* s);
   void printByte(unsigned char c);
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -162,9 +164,11 @@ class KiwaPrinter {
   PrinterPaths paths_;
   std::vector<std::string> pageImages_;  // debug images of the page in progress
   const char* pageFailure_ = nullptr;
+  bool deviceFailed_ = false;
 
  private:
   void setImageFileName(const char* prefix);
+  void noteDeviceFailure(int error);
 };
 
 #endif  // OSTRA_PRINTER_KIWA_PRINTER_H

@@ -52,9 +52,10 @@ class OstraPrinter : public KiwaPrinter {
   // true abandons the page (the job is being cancelled).
   void setCancelCheck(std::function<bool()> check) { cancelCheck_ = std::move(check); }
   // Logs a page record or counter that could not be kept; the front end ends
-  // the job as failed once outputFailed() is set.
+  // the job as failed once outputFailed() is set, as it does when the printer
+  // did not take the settings.
   void reportWriteFailure(const char* what, const std::string& path, int error);
-  bool outputFailed() const { return outputFailed_; }
+  bool outputFailed() const { return outputFailed_ || deviceFailed_; }
 
  protected:
   void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,

@@ -152,13 +152,14 @@ PageRecord expectedRecord(const std::string& dir, const TestPage& ink, const cha
 // port.
 class AppServer : public testing::Test {
  protected:
-  void start(const std::string& listen) {
+  void start(const std::string& listen, std::string device = "") {
     mkdir((dir + "/dev").c_str(), 0755);
+    device = device.empty() ? dir + "/dev" : device;
     cups_option_t* options = nullptr;
     const int n = cupsParseOptions(
         ("spool-directory=" + dir + "/spool page-directory=" + dir + "/pages state-file=" + dir +
-         "/state log-file=" + dir +
-         "/log log-level=debug job-time-limit=1 file-device-directory=" + dir + "/dev " + listen)
+         "/state log-file=" + dir + "/log log-level=debug job-time-limit=1 " +
+         "file-device-directory=" + device.substr(0, device.rfind('/')) + " " + listen)
             .c_str(),
         0, &options);
     app = appCreateSystem(n, options, &config);
@@ -168,7 +169,7 @@ class AppServer : public testing::Test {
       ASSERT_TRUE(papplSystemAddListeners(app, socket.c_str()));
     }
     ASSERT_NE(papplPrinterCreate(app, 0, "ostra", "ostra_203", "MFG:Kiwa;MDL:Ostra;",
-                                 ("file://" + dir + "/dev").c_str()),
+                                 ("file://" + device).c_str()),
               nullptr);
     server = std::thread([this] { papplSystemRun(app); });
   }
@@ -311,6 +312,20 @@ TEST_F(AppServer, BadDocumentsAbortOnlyTheirJob) {
   EXPECT_EQ(sh("grep -c 'cannot be printed\\|ended after' '" + dir + "/log' | grep -qx 6"), 0);
   EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 0"), 0);
   EXPECT_GT(client.print(dir + "/ok-1.jpg", "image/jpeg", nullptr, nullptr), 0);
+}
+
+// A device that takes nothing: the job is aborted, the printer shows itself
+// offline, and no page record is kept.
+TEST_F(AppServer, DeviceFailureAbortsTheJob) {
+  start("private-server=yes", "/dev/full");
+  Client client(socket);
+  writePwg(dir + "/black.pwg", false);
+  const int id = client.submit(dir + "/black.pwg", "image/pwg-raster", nullptr, nullptr);
+  EXPECT_EQ(client.job(id, IPP_OP_GET_JOB_ATTRIBUTES), IPP_JSTATE_ABORTED);
+  ipp_t* attrs = client.send(client.request(IPP_OP_GET_PRINTER_ATTRIBUTES));
+  EXPECT_NE(valuesOf(attrs, "printer-state-reasons").find("offline"), std::string::npos);
+  ippDelete(attrs);
+  EXPECT_EQ(sh("ls '" + dir + "/pages' 2>/dev/null | grep -c page_ | grep -qx 0"), 0);
 }
 
 // Every page of the web interface in headless Chromium, which cannot log in:

@@ -104,6 +104,8 @@ const GoldenJob kJobs[] = {
     {"PrinterNameLeavingTheSpool", "", "photo", "export PRINTER=../../../../tmp/escaped"},
     {"FixedNamesNotFollowed", "", "photo", kPlantedLinks},
     {"UnreadablePpd", "", "photo", "printf '*PPD-Adobe: 4\\n\\001' >/var/spool/p; PPD=/var/spool/p"},
+    // A device that takes nothing: no page is printed, and the job fails.
+    {"StandardOutputFull", "", "photo photo", "exec >/dev/full"},
 };
 // clang-format on
 
@@ -235,6 +237,18 @@ TEST(FilterOutput, OneWritePerLogLineAndSettingsBeforeEachRecord) {
                                                          : "x";
   EXPECT_GT(std::count(order.begin(), order.end(), 'l'), 80);
   EXPECT_EQ(std::regex_replace(order, std::regex("l+"), ""), "srsr");
+
+  // The backend goes away after the first page's settings (while that page,
+  // a large one, is processed): that page prints, none after it, the job fails.
+  ASSERT_TRUE(writeRasterFile(raster, pagesOf("photo:2000x1500 photo photo"), &error)) << error;
+  call.prelude = R"sh(mkfifo /tmp/be; head -c 7 </tmp/be >/var/spool/cups/tmp/got &
+exec >/tmp/be)sh";
+  const FilterRun gone = runFilter(call);
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_NE(gone.err.find("ERROR:Unable to send the print settings to the printer: Broken pipe"),
+            std::string::npos);
+  EXPECT_EQ(readFile(gone.spoolDir + "/got").size(), 7u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(gone.spoolDir + "/otv6data"), {}), 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(, Golden, testing::Range(size_t{0}, std::size(kJobs)),
