@@ -164,8 +164,11 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
   if (!gray_ && header.cupsColorSpace != CUPS_CSPACE_K)
     return "only black and gray pages are accepted";
   const OstraHeaderField bad = ostraBadHeaderField(header);
-  if (bad.name != nullptr)
-    return bad.name;
+  if (bad.name != nullptr) {
+    problem_ = std::string(bad.name) + " is " + std::to_string(bad.value) + ", must be " +
+               std::to_string(bad.low) + " to " + std::to_string(bad.high);
+    return problem_.c_str();
+  }
   header_ = header;
   rows_ = 0;
   copyText(header_.cupsPageSizeName, sizeof(header_.cupsPageSizeName), ppdPageSize);

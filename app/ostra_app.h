@@ -97,7 +97,8 @@ class AppJob {
   OstraPrinter printer_;
   cups_page_header2_t header_{};
   std::vector<unsigned char> page_;
-  unsigned rows_ = 0;  // of this page that arrived
+  unsigned rows_ = 0;    // of this page that arrived
+  std::string problem_;  // why the last page could not start
   bool gray_ = false;
 };
 

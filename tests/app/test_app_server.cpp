@@ -272,6 +272,16 @@ TEST_F(AppServer, BadDocumentsAbortOnlyTheirJob) {
   const std::string png = readFile(dir + "/ok-1.png"), jpeg = readFile(dir + "/ok-1.jpg");
   writePwg(dir + "/page.pwg", false);
   const std::string pwg = readFile(dir + "/page.pwg");
+  // PWG pages wider than the head's limit (4096 dots) and 16 bits deep.
+  auto pwgPage = [&](const std::string& name, int width, const char* type) {
+    cups_page_header2_t h;
+    cupsRasterInitPWGHeader(&h, pwgMediaForSize(width * 2540 / 203, 2540), type, 203, 203,
+                            "one-sided", nullptr);
+    TestPage page{h, std::vector<unsigned char>(size_t{h.cupsBytesPerLine} * h.cupsHeight)};
+    std::string error;
+    EXPECT_TRUE(writeRasterFile(dir + name, {page}, &error, CUPS_RASTER_WRITE_PWG)) << error;
+    return dir + name;
+  };
   // A PNG that says it is 100000 pixels square, and ends there.
   FILE* huge = fopen((dir + "/huge.png").c_str(), "wb");
   png_structp w = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
@@ -295,6 +305,8 @@ TEST_F(AppServer, BadDocumentsAbortOnlyTheirJob) {
       {save("junk.jpg", "\xff\xd8" + std::string(300, 'Z')), "image/jpeg", "document-format-error"},
       {save("cut.pwg", pwg.substr(0, pwg.size() * 3 / 5)), "image/pwg-raster",
        "document-format-error"},
+      {pwgPage("/wide.pwg", 4100, "black_8"), "image/pwg-raster", "document-unprintable-error"},
+      {pwgPage("/deep.pwg", 400, "sgray_16"), "image/pwg-raster", "document-format-error"},
   };
   for (const auto& c : cases) {
     const auto begin = std::chrono::steady_clock::now();
@@ -309,7 +321,9 @@ TEST_F(AppServer, BadDocumentsAbortOnlyTheirJob) {
   }
   // An empty document is refused at once.
   EXPECT_EQ(client.submit(save("empty.png", ""), "image/png", nullptr, nullptr), 0);
-  EXPECT_EQ(sh("grep -c 'cannot be printed\\|ended after' '" + dir + "/log' | grep -qx 6"), 0);
+  EXPECT_EQ(sh("grep -c '^E.*\\(cannot be printed\\|ended after\\|not printed\\|Bad raster\\)' '" +
+               dir + "/log' | grep -qx 8"),
+            0);
   EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 0"), 0);
   EXPECT_GT(client.print(dir + "/ok-1.jpg", "image/jpeg", nullptr, nullptr), 0);
 }
