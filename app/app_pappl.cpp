@@ -624,17 +624,66 @@ int runServer(int numOptions, cups_option_t* options) {
 
 // PAPPL 1.3.1's "status" starts a server when none runs, so it always says
 // one does; here it says none runs and fails instead.
-bool serverRuns() {
+// A connection to the running server's control socket, or null.
+http_t* connectToServer() {
   std::string path, link;
   controlSocketPaths(nullptr, &path, &link);
   for (const std::string& socket : {link, std::string("/run/ostra-printer-app.sock")}) {
     if (http_t* http = httpConnect2(socket.c_str(), 0, nullptr, AF_UNSPEC,
-                                    HTTP_ENCRYPTION_IF_REQUESTED, 1, 5000, nullptr)) {
-      httpClose(http);
-      return true;
-    }
+                                    HTTP_ENCRYPTION_IF_REQUESTED, 1, 5000, nullptr))
+      return http;
   }
-  return false;
+  return nullptr;
+}
+
+bool serverRuns() {
+  http_t* http = connectToServer();
+  httpClose(http);
+  return http != nullptr;
+}
+
+// PAPPL 1.3.1 answers printer-id 0 for a printer made since the server
+// started (fixed upstream in PAPPL 1.4.3), so its "delete" cannot find one:
+// the id comes from the system's list of printers instead.
+int deletePrinter(const char* name) {
+  http_t* http = connectToServer();
+  if (http == nullptr) {
+    fputs("ostra-printer-app: No server is running.\n", stderr);
+    return 1;
+  }
+  ipp_t* request = ippNewRequest(IPP_OP_GET_SYSTEM_ATTRIBUTES);
+  ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "system-uri", nullptr,
+               "ipp://localhost/ipp/system");
+  ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", nullptr,
+               "system-configured-printers");
+  ipp_t* response = cupsDoRequest(http, request, "/ipp/system");
+  ipp_attribute_t* printers =
+      ippFindAttribute(response, "system-configured-printers", IPP_TAG_BEGIN_COLLECTION);
+  int id = 0;
+  for (int i = 0; i < ippGetCount(printers); ++i) {
+    ipp_t* printer = ippGetCollection(printers, i);
+    const char* found =
+        ippGetString(ippFindAttribute(printer, "printer-name", IPP_TAG_ZERO), 0, nullptr);
+    if (found != nullptr && strcmp(found, name) == 0)
+      id = ippGetInteger(ippFindAttribute(printer, "printer-id", IPP_TAG_INTEGER), 0);
+  }
+  ippDelete(response);
+  if (id > 0) {
+    request = ippNewRequest(IPP_OP_DELETE_PRINTER);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "system-uri", nullptr,
+                 "ipp://localhost/ipp/system");
+    ippAddInteger(request, IPP_TAG_OPERATION, IPP_TAG_INTEGER, "printer-id", id);
+    ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", nullptr,
+                 cupsUser());
+    ippDelete(cupsDoRequest(http, request, "/ipp/system"));
+  }
+  httpClose(http);
+  if (id == 0 || cupsLastError() > IPP_STATUS_OK_CONFLICTING) {
+    fprintf(stderr, "ostra-printer-app: Unable to delete printer %s: %s\n", name,
+            id == 0 ? "no such printer" : cupsLastErrorString());
+    return 1;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -644,6 +693,8 @@ int appMain(int argc, char* argv[]) {
     fputs("ostra-printer-app: No server is running.\n", stderr);
     return 1;
   }
+  if (argc == 4 && strcmp(argv[1], "delete") == 0 && strcmp(argv[2], "-d") == 0)
+    return deletePrinter(argv[3]);
   // "server" with -o options only runs here; anything else is PAPPL's.
   bool server = false;
   int numOptions = 0;

@@ -86,6 +86,8 @@ done
 id=1
 check refused "control socket as joe" socket joe delete-printer
 check allowed "control socket as boss (lpadmin)" socket boss delete-printer
+check allowed "the command line deletes a printer made since start" \
+  "$build/ostra-printer-app" delete -d phone-printer
 
 # The phone's job printed with the default set through the web page, its
 # record in the page directory it shares with the filter.
