@@ -15,10 +15,10 @@ mkdir -p $w/out && chmod 1777 $w/out  # clients' pages
 fail() { echo "FAIL: $*; the server's log:" && grep -v '^D' $w/app.log; exit 1; }
 
 install -d -o ostra-printer-app $w/dev
-! "$build/ostra-printer-app" status 2>/dev/null && ! pgrep -f "ostra-printer-app server" ||
+! "$build/ostra-printer-app" status 2>/dev/null && [ ! -e /run/ostra-printer-app/*.sock ] ||
   fail "status with no server running"
 app_start -o file-device-directory=$w/dev -o log-level=debug
-trap 'pkill -f "ostra-printer-app server" || :' EXIT
+trap 'kill $app_pid || :' EXIT
 end=$(($(date +%s) + 30))
 until ip netns exec shop curl -so /dev/null http://127.0.0.1:8000/; do
   [ "$(date +%s)" -lt $end ] || fail "the server did not start"
@@ -101,4 +101,4 @@ done
   fail "TLS key: $(ls -l /var/lib/ostra-printer-app/.cups/ssl)"
 "$build/ostra-preview" -o $w /var/spool/cups/tmp/otv6data/page_*.dat >/dev/null ||
   fail "page records refused"
-pgrep -f "ostra-printer-app server" >/dev/null || fail "the server is gone"
+kill -0 $app_pid || fail "the server is gone"

@@ -95,7 +95,7 @@ install -d -o ostra-printer-app $pages && chmod 1777 $w/out
 # in-process tests check the application's own.
 export ASAN_OPTIONS=detect_leaks=0
 app_start -o page-directory=$pages -o log-level=debug -o file-device-directory=$w/out
-trap 'kill $cupsd && wait $cupsd; pkill -f "ostra-printer-app server" || :' EXIT
+trap 'kill $cupsd $app_pid && wait $cupsd || :' EXIT
 poll '"$app" status 2>/dev/null | grep -q Running && grep -q "on .\*:8000" $w/app.log'
 "$app" add -d stencils -m ostra_203 -v file://$w/out
 "$app" modify -d stencils -o halftone-type-default=tattoo -o print-speed-default=6in

@@ -5,7 +5,7 @@
 # the unit's directories on tmpfs; two hosts, network namespaces "shop"
 # (10.231.0.1) and "phone" (10.231.0.2) joined by a veth pair. Then
 # `app_start OPTIONS...` runs the unit's ExecStart as its user in "shop", in
-# the background, its log in $w/app.log.
+# the background (process $app_pid), its log in $w/app.log.
 #   needs: $src (the checkout), $build (its build directory), $w (this test's)
 mkdir -p "$w/system-etc" && cp -a /etc/. "$w/system-etc" && mount --bind "$w/system-etc" /etc
 mountpoint -q /run || mount -t tmpfs -o mode=0755 ostra-run /run
@@ -26,4 +26,5 @@ app_start() {
   ip netns exec shop setpriv --reuid=ostra-printer-app --regid=ostra-printer-app --init-groups \
     --no-new-privs --inh-caps=-all env $(sed -n 's/^Environment=//p' "$unit") \
     "$build/ostra-printer-app" $(sed -n 's/^ExecStart=[^ ]* //p' "$unit") "$@" 2>"$w/app.log" &
+  app_pid=$!  # each command execs the next: this is the server
 }
