@@ -9,7 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
   ghostscript poppler-utils util-linux strace time clang-14 libclang-rt-14-dev
   libpappl-dev cups-ipp-utils chromium curl
-  libpam-pwdfile libpam0g-dev libacl1-dev iproute2 openssl
+  libpam-pwdfile libpam0g-dev libacl1-dev libjpeg-dev iproute2 openssl
 )
 
 missing=()
