@@ -61,7 +61,7 @@ bool readPng(FILE* file, Decoded* image) {
   png_read_info(png, info);
   const png_uint_32 width = png_get_image_width(png, info),
                     height = png_get_image_height(png, info);
-  int colorType = png_get_color_type(png, info);
+  const int colorType = png_get_color_type(png, info);
   image->depth = (colorType & PNG_COLOR_MASK_COLOR) != 0 ? 3 : 1;
   image->ppi = static_cast<int>(png_get_x_pixels_per_inch(png, info));
   if (!fits(image, width, height))
@@ -70,10 +70,8 @@ bool readPng(FILE* file, Decoded* image) {
     png_error(png, "pixels that are not square cannot be printed");
   image->width = static_cast<int>(width);
   image->height = static_cast<int>(height);
-  if (png_get_valid(png, info, PNG_INFO_tRNS)) {
+  if (png_get_valid(png, info, PNG_INFO_tRNS))
     png_set_tRNS_to_alpha(png);
-    colorType |= PNG_COLOR_MASK_ALPHA;
-  }
   if (png_get_bit_depth(png, info) > 8)
     png_set_scale_16(png);
   if (png_get_bit_depth(png, info) < 8)

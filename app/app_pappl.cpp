@@ -83,8 +83,8 @@ bool pastDeadline(pappl_job_t* job, AppJobData* jd) {
 }
 
 // Written through at once: papplDeviceFlush in PAPPL 1.3.1 drops write errors
-// (so does every later release), so what reached the device is read from its
-// byte count.
+// (still so in 1.4.11), so what reached the device is read from its byte
+// count.
 ssize_t deviceWrite(void* cookie, const char* data, size_t size) {
   auto* device = static_cast<pappl_device_t*>(cookie);
   pappl_devmetrics_t before, after;
@@ -622,8 +622,6 @@ int runServer(int numOptions, cups_option_t* options) {
   return 0;
 }
 
-// PAPPL 1.3.1's "status" starts a server when none runs, so it always says
-// one does; here it says none runs and fails instead.
 // A connection to the running server's control socket, or null.
 http_t* connectToServer() {
   std::string path, link;
@@ -689,6 +687,8 @@ int deletePrinter(const char* name) {
 }  // namespace
 
 int appMain(int argc, char* argv[]) {
+  // PAPPL 1.3.1's "status" starts a server when none runs, so it always says
+  // one does; here it says none runs and fails instead.
   if (argc == 2 && strcmp(argv[1], "status") == 0 && !serverRuns()) {
     fputs("ostra-printer-app: No server is running.\n", stderr);
     return 1;

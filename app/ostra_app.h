@@ -124,7 +124,7 @@ struct AppConfig {
 typedef struct _pappl_system_s pappl_system_t;
 // The drivers, one per resolution, and the system with them: options are
 // papplMainloop's (log-level, log-file, spool-directory, server-port,
-// server-name, listen-hostname, private-server, admin-group, auth-service)
+// server-hostname, listen-hostname, private-server, admin-group, auth-service)
 // plus page-directory, image-directory, debug-images, state-file,
 // file-device-directory, allow-unauthenticated-admin and job-time-limit.
 pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config);
