@@ -14,6 +14,7 @@
 
 #include "app/app_access.h"
 #include "app/app_image.h"
+#include "app/app_job_start.h"
 #include "app/ostra_app.h"
 
 namespace {
@@ -534,6 +535,10 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
       logLevel(option("log-level")), nullptr, false);
   if (system == nullptr)
     return nullptr;
+  if (!appGuardJobStarts(system)) {
+    papplSystemDelete(system);
+    return nullptr;
+  }
   // Images are read here, within the printer's limits; PAPPL looks for a
   // filter to the printer's own format before its own readers.
   papplSystemSetMaxImageSize(system, kAppImageMaxPixels * 3, kAppImageMaxSide, kAppImageMaxSide);
