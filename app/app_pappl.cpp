@@ -14,7 +14,7 @@
 
 #include "app/app_access.h"
 #include "app/app_image.h"
-#include "app/app_job_start.h"
+#include "app/app_pappl_fixes.h"
 #include "app/ostra_app.h"
 
 namespace {
@@ -68,7 +68,32 @@ struct AppJobData {
   std::unique_ptr<AppJob> job;
   time_t deadline = 0;  // 0: none
   int limit = 0;
+  bool oneBit = false;  // this page's rows arrive 1 bit a pixel, as the client sent them
+  std::vector<unsigned char> row;
 };
+
+// The client's page when its pixels have fewer than 8 bits, which PAPPL
+// passes on unchanged under the driver's own 8-bit header. A 1-bit page of
+// one colour becomes the same page at 8 bits (each pixel 0 or 255, whose
+// meaning the colour space keeps), so it prints exactly; any other is
+// refused.
+const char* widenClientPage(AppJobData* jd, pappl_pr_options_t* options) {
+  const cups_page_header2_t* client = appClientPageHeader();
+  jd->oneBit = false;
+  if (client == nullptr || client->cupsBitsPerPixel >= 8)
+    return nullptr;
+  if (client->cupsBitsPerPixel != 1 || client->cupsBitsPerColor != 1 ||
+      (client->cupsColorSpace != CUPS_CSPACE_K && client->cupsColorSpace != CUPS_CSPACE_W &&
+       client->cupsColorSpace != CUPS_CSPACE_SW))
+    return "only 8-bit pages and 1-bit black or gray pages are accepted";
+  options->header = *client;
+  options->header.cupsBitsPerColor = 8;
+  options->header.cupsBitsPerPixel = 8;
+  options->header.cupsBytesPerLine = client->cupsWidth;
+  jd->oneBit = true;
+  jd->row.assign(client->cupsWidth, 0);
+  return nullptr;
+}
 
 // A job still at work after the time limit stops at once and is aborted: the
 // longest page takes seconds, and the printer's other jobs wait behind it.
@@ -199,7 +224,9 @@ bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* de
   if (jd == nullptr || pastDeadline(job, jd))
     return false;
   const AppMedia* media = appMediaByPwg(options->media.size_name);
-  const char* problem = jd->job->startPage(options->header, media != nullptr ? media->ppd : "");
+  const char* problem = widenClientPage(jd, options);
+  if (problem == nullptr)
+    problem = jd->job->startPage(options->header, media != nullptr ? media->ppd : "");
   const bool offline = jd->job->printer().deviceFailed();
   papplPrinterSetReasons(papplJobGetPrinter(job),
                          offline ? PAPPL_PREASON_OFFLINE : PAPPL_PREASON_NONE,
@@ -220,6 +247,11 @@ bool writeLine(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t
   AppJobData* jd = jobData(job);
   if (jd == nullptr)
     return false;
+  if (jd->oneBit) {
+    for (size_t x = 0; x < jd->row.size(); ++x)
+      jd->row[x] = (line[x / 8] & (0x80 >> (x % 8))) != 0 ? 255 : 0;
+    line = jd->row.data();
+  }
   jd->job->writeRow(y, line);
   return true;
 }
@@ -311,6 +343,11 @@ void setMedia(pappl_media_col_t& col, const char* name) {
   col.tracking = PAPPL_MEDIA_TRACKING_GAP;
 }
 
+void identifyPrinter(pappl_printer_t* printer, pappl_identify_actions_t, const char* message) {
+  papplLogPrinter(printer, PAPPL_LOGLEVEL_INFO, "Identify-Printer: %s",
+                  message != nullptr ? message : "");
+}
+
 bool driverCallback(pappl_system_t* system, const char* driverName, const char* uri,
                     const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs,
                     void* context) {
@@ -343,14 +380,35 @@ bool driverCallback(pappl_system_t* system, const char* driverName, const char* 
   // the application.
   data->printfile_cb = refuseFile;
   data->format = kNativeFormat;
+  // The printer has no panel, light or bell: "display" shows the message in
+  // the printer's log, where the admin looks.
+  data->identify_cb = identifyPrinter;
+  data->identify_supported = data->identify_default = PAPPL_IDENTIFY_ACTIONS_DISPLAY;
+  // Attributes IPP Everywhere asks for that PAPPL 1.3.1 leaves to the driver.
+  if (*attrs == nullptr)
+    *attrs = ippNew();
+  ippAddBoolean(*attrs, IPP_TAG_PRINTER, "preferred-attributes-supported", 0);
+  ippAddString(*attrs, IPP_TAG_PRINTER, IPP_TAG_KEYWORD, "print-rendering-intent-default", nullptr,
+               "auto");
+  ippAddString(*attrs, IPP_TAG_PRINTER, IPP_TAG_KEYWORD, "print-rendering-intent-supported",
+               nullptr, "auto");
+  ippAddString(*attrs, IPP_TAG_PRINTER, IPP_TAG_KEYWORD, "pwg-raster-document-sheet-back", nullptr,
+               "normal");
+  // Its one supply is the roll of labels, whose level it cannot sense (-2).
+  constexpr char kSupply[] =
+      "index=1;class=supplyThatIsConsumed;type=other;unit=other;maxcapacity=-2;level=-2;";
+  ippAddOctetString(*attrs, IPP_TAG_PRINTER, "printer-supply", kSupply, sizeof(kSupply) - 1);
+  ippAddString(*attrs, IPP_TAG_PRINTER, IPP_TAG_TEXT, "printer-supply-description", nullptr,
+               "Direct thermal labels");
 
   snprintf(data->make_and_model, sizeof(data->make_and_model), "Kiwa Ostra %d dpi", dpi);
   data->ppm = 10;
   data->kind = PAPPL_KIND_LABEL;
   data->color_supported = PAPPL_COLOR_MODE_MONOCHROME;
   data->color_default = PAPPL_COLOR_MODE_MONOCHROME;
-  // 8-bit only: a client's 1-bit page would reach the pipeline unconverted.
-  data->raster_types = PAPPL_PWG_RASTER_TYPE_BLACK_8 | PAPPL_PWG_RASTER_TYPE_SGRAY_8;
+  // A 1-bit page is widened to 8 bits on its way in (widenClientPage).
+  data->raster_types =
+      PAPPL_PWG_RASTER_TYPE_BLACK_1 | PAPPL_PWG_RASTER_TYPE_BLACK_8 | PAPPL_PWG_RASTER_TYPE_SGRAY_8;
   data->num_resolution = 1;
   data->x_resolution[0] = data->y_resolution[0] = dpi;
   data->x_default = data->y_default = dpi;
@@ -535,7 +593,7 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
       logLevel(option("log-level")), nullptr, false);
   if (system == nullptr)
     return nullptr;
-  if (!appGuardJobStarts(system)) {
+  if (!appFixPappl(system)) {
     papplSystemDelete(system);
     return nullptr;
   }

@@ -44,6 +44,26 @@ TestPage writePwg(const std::string& path, bool gray) {
   return ink;
 }
 
+// The page as black_1 (a bit set for ink of 128 or more); the 8-bit page of
+// the same dots.
+TestPage writePwg1(const std::string& path, const TestPage& ink) {
+  cups_page_header2_t h;
+  cupsRasterInitPWGHeader(&h, pwgMediaForPWG(kMedia), "black_1", 203, 203, "one-sided", nullptr);
+  TestPage bits{h, std::vector<unsigned char>(size_t{h.cupsBytesPerLine} * h.cupsHeight)},
+      same = ink;
+  for (unsigned y = 0; y < h.cupsHeight; ++y) {
+    for (unsigned x = 0; x < h.cupsWidth; ++x) {
+      unsigned char& b = same.pixels[size_t{y} * ink.header.cupsBytesPerLine + x];
+      b = b >= 128 ? 255 : 0;
+      if (b != 0)
+        bits.pixels[size_t{y} * h.cupsBytesPerLine + x / 8] |= 0x80 >> (x % 8);
+    }
+  }
+  std::string error;
+  EXPECT_TRUE(writeRasterFile(path, {bits}, &error, CUPS_RASTER_WRITE_PWG)) << error;
+  return same;
+}
+
 class Client {
  public:
   // A domain socket's path (port 0) or a host and port.
@@ -201,7 +221,7 @@ TEST_F(AppServer, AnswersAndPrints) {
     Client client(socket);
     ASSERT_TRUE(client.connected());
     ipp_t* attrs = client.send(client.request(IPP_OP_GET_PRINTER_ATTRIBUTES));
-    EXPECT_EQ(valuesOf(attrs, "pwg-raster-document-type-supported"), "black_8,sgray_8");
+    EXPECT_EQ(valuesOf(attrs, "pwg-raster-document-type-supported"), "black_1,black_8,sgray_8");
     const std::string media = valuesOf(attrs, "media-supported");
     for (size_t i = 0; i < kAppMediaCount; ++i)
       EXPECT_NE(media.find(kAppMedia[i].pwg), std::string::npos) << kAppMedia[i].pwg;
@@ -212,17 +232,20 @@ TEST_F(AppServer, AnswersAndPrints) {
     ippDelete(attrs);
 
     // The same page in black and in gray prints the same dots, which are the
-    // dots AppJob makes of it; a PNG is laid out by PAPPL and just prints.
+    // dots AppJob makes of it, and its 1-bit form those of its 8-bit form; a
+    // PNG is laid out by PAPPL and just prints.
     const TestPage ink = writePwg(dir + "/black.pwg", false);
     writePwg(dir + "/gray.pwg", true);
     const PageRecord expected = expectedRecord(dir + "/expected", ink, "burkes");
+    const PageRecord expected1 =
+        expectedRecord(dir + "/expected1", writePwg1(dir + "/black1.pwg", ink), "burkes");
     int page = 0;
-    for (const char* file : {"/black.pwg", "/gray.pwg"}) {
+    for (const char* file : {"/black.pwg", "/gray.pwg", "/black1.pwg"}) {
       const int id = client.print(dir + file, "image/pwg-raster", "halftone-type", "burkes");
       ASSERT_GT(id, 0);
       const PageRecord got = recordOf(dir + "/pages", ++page, id);
       EXPECT_EQ(got.pageNumber, page);
-      EXPECT_TRUE(got.dots == expected.dots) << file;
+      EXPECT_TRUE(got.dots == (page == 3 ? expected1 : expected).dots) << file;
     }
     ASSERT_EQ(sh("pdftoppm -r 40 -gray -png -f 1 -l 1 " OSTRA_SOURCE_DIR "/samples/sample.pdf '" +
                  dir + "/sample'"),
@@ -230,7 +253,7 @@ TEST_F(AppServer, AnswersAndPrints) {
     // A PDF (as a raw CUPS queue sends it) is refused, and the printer goes on.
     EXPECT_EQ(client.print(OSTRA_SOURCE_DIR "/samples/sample.pdf", "application/pdf", 0, 0), 0);
     const int png = client.print(dir + "/sample-1.png", "image/png", "mirror-image", "true");
-    EXPECT_GT(recordOf(dir + "/pages", 3, png).blackDots, 0u);
+    EXPECT_GT(recordOf(dir + "/pages", 4, png).blackDots, 0u);
     // A job cancelled while its long page is on its way leaves no record. (A
     // PWG raster would print as it arrives, within its Print-Job request.)
     client.media = kAppRollMax;
@@ -249,7 +272,7 @@ TEST_F(AppServer, AnswersAndPrints) {
     ippDelete(sent);
     EXPECT_EQ(client.job(late, IPP_OP_GET_JOB_ATTRIBUTES), IPP_JSTATE_ABORTED);
     EXPECT_EQ(sh("grep -c 'not done within 1 s' '" + dir + "/log' | grep -qx 1"), 0);
-    EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_0003 | grep -qx 1"), 0);
+    EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_0004 | grep -qx 1"), 0);
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }

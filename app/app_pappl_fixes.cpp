@@ -1,0 +1,201 @@
+#include "app/app_pappl_fixes.h"
+
+#include <dlfcn.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <set>
+
+// Each fix defines a function of PAPPL or libcups again; the executable's
+// definitions come first in the dynamic link, and each calls the original.
+
+namespace {
+
+template <typename Fn>
+Fn original(const char* name) {
+  static_assert(sizeof(Fn) == sizeof(void*), "a function pointer");
+  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+#define ORIGINAL(type, name)                      \
+  type original_##name() {                        \
+    static const type fn = original<type>(#name); \
+    return fn;                                    \
+  }
+
+using ProcessFn = void* (*)(pappl_job_t*);
+using RasterFn = void (*)(pappl_job_t*, pappl_client_t*);
+using CancelFn = void (*)(pappl_job_t*);
+using CancelAllFn = void (*)(pappl_printer_t*);
+using CheckFn = void (*)(pappl_printer_t*);
+using ReadHeaderFn = unsigned (*)(cups_raster_t*, cups_page_header2_t*);
+using AddStringsFn = ipp_attribute_t* (*)(ipp_t*, ipp_tag_t, ipp_tag_t, const char*, int,
+                                          const char*, const char* const*);
+ORIGINAL(ProcessFn, _papplJobProcess)
+ORIGINAL(RasterFn, _papplJobProcessRaster)
+ORIGINAL(CancelFn, papplJobCancel)
+ORIGINAL(CancelAllFn, papplPrinterCancelAllJobs)
+ORIGINAL(CheckFn, _papplPrinterCheckJobs)
+ORIGINAL(ReadHeaderFn, cupsRasterReadHeader2)
+ORIGINAL(AddStringsFn, ippAddStrings)
+
+// PAPPL 1.3.1 (no upstream fix as of 1.4.11) starts a job's thread before
+// marking the job processing, and reads "processing" unlocked; a streamed PWG
+// job starts on its client's thread after the same unlocked look. A check for
+// work in that gap (another client's Print-Job, the end of a cancelled job)
+// starts the same job again, or the next one beside it; the job that ends
+// first closes the device under the other; a Cancel-Job in the gap frees the
+// document under a thread about to print it. The server then crashes. Here:
+//   - one job per printer runs at a time: another job thread leaves at once,
+//     a streamed job waits its turn; the one that ran looks for work again
+//     when it has quite finished;
+//   - gStartLock is held until PAPPL announces the job processing, so a
+//     cancel sees the job either pending (and takes it off the queue before
+//     any thread looks at it) or processing (and stops it at the next page).
+std::mutex gStartLock;
+std::condition_variable gIdle;
+// Under gStartLock: printers running a job, printers deleted, streamed jobs.
+std::set<pappl_printer_t*> gBusy;
+std::set<pappl_printer_t*> gDeleted;
+std::set<pappl_job_t*> gStreamed;
+// The job this thread is starting while it holds gStartLock.
+thread_local pappl_job_t* tStarting = nullptr;
+
+// A streamed job's client header, read on its client's thread.
+thread_local bool tStreaming = false;
+thread_local bool tHaveHeader = false;
+thread_local cups_page_header2_t tHeader;
+
+void releaseStart() {
+  tStarting = nullptr;
+  gStartLock.unlock();
+}
+
+// PAPPL sends the job's state change right after it marks the job processing.
+void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t* job, pappl_event_t event,
+             void*) {
+  if (tStarting != nullptr && job == tStarting && (event & PAPPL_EVENT_JOB_STATE_CHANGED) != 0)
+    releaseStart();
+  if ((event & PAPPL_EVENT_PRINTER_DELETED) != 0 && printer != nullptr) {
+    std::lock_guard<std::mutex> hold(gStartLock);
+    gDeleted.insert(printer);
+  }
+}
+
+// Runs a job claimed under gStartLock (held on entry, released on return),
+// then starts the jobs whose threads left meanwhile.
+template <typename Run>
+void runClaimed(pappl_job_t* job, pappl_printer_t* printer, Run run) {
+  gBusy.insert(printer);
+  gDeleted.erase(printer);  // a new printer where a deleted one was
+  tStarting = job;
+  run();
+  if (tStarting != nullptr)
+    releaseStart();
+  bool deleted;
+  {
+    std::lock_guard<std::mutex> hold(gStartLock);
+    gBusy.erase(printer);
+    deleted = gDeleted.count(printer) != 0;
+  }
+  gIdle.notify_all();
+  if (!deleted && papplSystemIsRunning(papplPrinterGetSystem(printer)))
+    original__papplPrinterCheckJobs()(printer);
+}
+
+}  // namespace
+
+extern "C" {
+
+void* _papplJobProcess(pappl_job_t* job) {
+  gStartLock.lock();
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  if (papplJobGetState(job) != IPP_JSTATE_PENDING || gBusy.count(printer) || gStreamed.count(job)) {
+    gStartLock.unlock();
+    return nullptr;
+  }
+  void* result = nullptr;
+  runClaimed(job, printer, [&] { result = original__papplJobProcess()(job); });
+  return result;
+}
+
+void _papplJobProcessRaster(pappl_job_t* job, pappl_client_t* client) {
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  std::unique_lock<std::mutex> hold(gStartLock);
+  gStreamed.insert(job);
+  gIdle.wait(hold, [&] { return !gBusy.count(printer) || gDeleted.count(printer); });
+  gStreamed.erase(job);
+  if (gDeleted.count(printer) || papplJobGetState(job) != IPP_JSTATE_PENDING) {
+    // Cancelled while it waited: the client's pages are read and dropped.
+    hold.unlock();
+    httpFlush(papplClientGetHTTP(client));
+    return;
+  }
+  hold.release();
+  tStreaming = true;
+  tHaveHeader = false;
+  runClaimed(job, printer, [&] { original__papplJobProcessRaster()(job, client); });
+  tStreaming = false;
+}
+
+void papplJobCancel(pappl_job_t* job) {
+  std::lock_guard<std::mutex> hold(gStartLock);
+  original_papplJobCancel()(job);
+}
+
+void papplPrinterCancelAllJobs(pappl_printer_t* printer) {
+  std::lock_guard<std::mutex> hold(gStartLock);
+  original_papplPrinterCancelAllJobs()(printer);
+}
+
+unsigned cupsRasterReadHeader2(cups_raster_t* r, cups_page_header2_t* h) {
+  const unsigned ok = original_cupsRasterReadHeader2()(r, h);
+  if (tStreaming && ok != 0) {
+    tHeader = *h;
+    tHaveHeader = true;
+  }
+  return ok;
+}
+
+// PAPPL 1.3.1 adds printer-strings-languages-supported to the printer's own
+// attributes on every Get-Printer-Attributes, so the answer and the memory
+// grow without end (fixed in 1.4.6): once there, it stays as it is (the
+// languages do not change while the server runs).
+ipp_attribute_t* ippAddStrings(ipp_t* ipp, ipp_tag_t group, ipp_tag_t value_tag, const char* name,
+                               int num_values, const char* language, const char* const* values) {
+  if (ipp != nullptr && name != nullptr &&
+      strcmp(name, "printer-strings-languages-supported") == 0) {
+    if (ipp_attribute_t* present = ippFindAttribute(ipp, name, IPP_TAG_ZERO))
+      return present;
+  }
+  // PAPPL 1.3.1 (no upstream fix as of 1.4.11) lists a job's reasons only up
+  // to warnings-detected; a held job's one reason comes out as no value and
+  // the attribute is lost.
+  static const char* const kHeld[] = {"job-hold-until-specified"};
+  if (num_values == 0 && values != nullptr && name != nullptr &&
+      strcmp(name, "job-state-reasons") == 0) {
+    num_values = 1;
+    values = kHeld;
+  }
+  return original_ippAddStrings()(ipp, group, value_tag, name, num_values, language, values);
+}
+
+}  // extern "C"
+
+const cups_page_header2_t* appClientPageHeader() {
+  return tStreaming && tHaveHeader ? &tHeader : nullptr;
+}
+
+bool appFixPappl(pappl_system_t* system) {
+  if (original__papplJobProcess() == nullptr || original__papplJobProcessRaster() == nullptr ||
+      original_papplJobCancel() == nullptr || original_papplPrinterCancelAllJobs() == nullptr ||
+      original__papplPrinterCheckJobs() == nullptr || original_cupsRasterReadHeader2() == nullptr ||
+      original_ippAddStrings() == nullptr) {
+    papplLog(system, PAPPL_LOGLEVEL_FATAL,
+             "This PAPPL or CUPS library lacks a function the application mends.");
+    return false;
+  }
+  papplSystemSetEventCallback(system, onEvent, nullptr);
+  return true;
+}
