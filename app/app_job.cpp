@@ -1,4 +1,7 @@
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -202,6 +205,8 @@ bool AppJob::endPage(bool canceled) {
                   rows_, header_.cupsHeight);
     return false;
   }
+  if (!journalCounter())
+    return false;
   try {
     printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
                         header_.cupsWidth);
@@ -212,8 +217,38 @@ bool AppJob::endPage(bool canceled) {
   return printer_.pageFailure() == nullptr && !printer_.outputFailed();
 }
 
+// The counter is stored at the job's end; until then, before each page's
+// record is written, the value the job would store once it is goes to a
+// journal beside the counter, which a server that crashed takes as the
+// counter when it starts again. A number may be skipped, none used twice.
+bool AppJob::journalCounter() {
+  const std::string path = printer_.pageCounterPath();
+  if (path.empty())
+    return true;
+  const uint16_t next = static_cast<uint16_t>(printer_.state().PageNum + 1);
+  const uint16_t stored = next >= kPageNumWrap ? 1 : next;
+  const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
+                                  static_cast<unsigned char>(stored >> 8)};
+  const std::string temp = path + ".journal.new";
+  FILE* f = fopen(temp.c_str(), "wb");
+  bool ok = f != nullptr && fwrite(bytes, 1, 2, f) == 2 && fflush(f) == 0 && fsync(fileno(f)) == 0;
+  ok = (f == nullptr || fclose(f) == 0) && ok &&
+       rename(temp.c_str(), (path + ".journal").c_str()) == 0;
+  if (!ok) {
+    kiwaLogCommon(KIWA_LOG_ERROR, "Unable to store the page counter in %s.journal: %s",
+                  path.c_str(), strerror(errno));
+    unlink(temp.c_str());
+  }
+  return ok;
+}
+
 bool AppJob::end() {
   jobEnd(&printer_, &settings_);
   printer_.flushOutput();
-  return !printer_.outputFailed();
+  if (printer_.outputFailed())
+    return false;
+  const std::string path = printer_.pageCounterPath();
+  if (!path.empty())
+    unlink((path + ".journal").c_str());
+  return true;
 }

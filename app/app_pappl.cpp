@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <grp.h>
 #include <pappl/pappl.h>
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,7 +63,21 @@ struct AppPrinter {
   PrinterState state;
   PrinterPaths paths;
   int jobTimeLimit = 0;
+  AppConfig* config = nullptr;
 };
+
+bool saveState(pappl_system_t* system, void* config);
+void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
+
+// The state file holds the jobs too: saved when a job starts and after each
+// page it prints, a job cut off by a crash is still there afterwards, with
+// the pages it printed.
+void saveJobState(pappl_job_t* job, AppPrinter* own) {
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  if (!saveState(papplPrinterGetSystem(printer), own->config))
+    papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Unable to save the state file %s: %s",
+                own->config->stateFile.c_str(), strerror(errno));
+}
 
 // One job in progress; its log lines go to the job's log.
 struct AppJobData {
@@ -68,6 +85,7 @@ struct AppJobData {
   std::unique_ptr<AppJob> job;
   time_t deadline = 0;  // 0: none
   int limit = 0;
+  AppPrinter* own = nullptr;
   bool oneBit = false;  // this page's rows arrive 1 bit a pixel, as the client sent them
   std::vector<unsigned char> row;
 };
@@ -214,7 +232,9 @@ bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* dev
   jd->job->printer().setCancelCheck([job, deadline] {
     return papplJobIsCanceled(job) || (deadline != 0 && time(nullptr) > deadline);
   });
+  jd->own = own;
   papplJobSetData(job, jd.release());
+  saveJobState(job, own);
   return true;
 }
 
@@ -274,6 +294,8 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
                        jd->job->pageIncomplete() ? PAPPL_JREASON_DOCUMENT_FORMAT_ERROR
                                                  : PAPPL_JREASON_ERRORS_DETECTED,
                        PAPPL_JREASON_NONE);
+  if (kept)
+    saveJobState(job, jd->own);
   return kept;
 }
 
@@ -369,6 +391,7 @@ bool driverCallback(pappl_system_t* system, const char* driverName, const char* 
   own->paths.imageDir = config->imageDirectory;
   own->paths.debugImages = config->debugImages;
   own->jobTimeLimit = config->jobTimeLimit;
+  own->config = const_cast<AppConfig*>(config);
   data->extension = own;
   data->delete_cb = deletePrinter;
   data->rstartjob_cb = startJob;
@@ -505,11 +528,23 @@ bool addPrinterPage(pappl_client_t* client, void* system) {
   return true;
 }
 
+// Writes `text` as the whole of `path`, in one step and on disk.
+bool replaceFile(const std::string& path, const std::string& text) {
+  const std::string temp = path + ".new";
+  FILE* out = fopen(temp.c_str(), "w");
+  bool ok = out != nullptr && fwrite(text.data(), 1, text.size(), out) == text.size() &&
+            fflush(out) == 0 && fsync(fileno(out)) == 0;
+  ok = (out == nullptr || fclose(out) == 0) && ok && rename(temp.c_str(), path.c_str()) == 0;
+  if (!ok)
+    unlink(temp.c_str());
+  return ok;
+}
+
 // PAPPL 1.3.1 reads a printer's print-speed-default back from the state file
 // but never writes it: the line goes into each printer's block after PAPPL has
 // saved, and the file is replaced whole.
-bool addPrintSpeeds(pappl_system_t* system, const std::string& path) {
-  std::ifstream in(path);
+bool addPrintSpeeds(pappl_system_t* system, const std::string& from, const std::string& to) {
+  std::ifstream in(from);
   std::string text, line;
   while (std::getline(in, line)) {
     text += line + "\n";
@@ -524,18 +559,132 @@ bool addPrintSpeeds(pappl_system_t* system, const std::string& path) {
     papplPrinterGetDriverData(printer, &data);
     text += "print-speed-default " + std::to_string(data.speed_default) + "\n";
   }
-  const std::string temp = path + ".new";
-  FILE* out = fopen(temp.c_str(), "w");
-  bool ok = out != nullptr && fwrite(text.data(), 1, text.size(), out) == text.size();
-  ok = (out == nullptr || fclose(out) == 0) && ok && rename(temp.c_str(), path.c_str()) == 0;
-  if (!ok)
-    unlink(temp.c_str());
+  return replaceFile(to, text);
+}
+
+// Saves go through one lock (the main loop and job threads both save), to a
+// draft first: the state file is always whole, the old one or the new.
+std::mutex gSaveLock;
+
+bool saveState(pappl_system_t* system, void* config) {
+  std::lock_guard<std::mutex> hold(gSaveLock);
+  raiseNewPrintersJobIds(system, *static_cast<AppConfig*>(config));
+  const std::string& path = static_cast<AppConfig*>(config)->stateFile;
+  const std::string draft = path + ".draft";
+  const bool ok =
+      papplSystemSaveState(system, draft.c_str()) && addPrintSpeeds(system, draft, path);
+  unlink(draft.c_str());
   return ok;
 }
 
-bool saveState(pappl_system_t* system, void* config) {
-  const std::string& path = static_cast<AppConfig*>(config)->stateFile;
-  return papplSystemSaveState(system, path.c_str()) && addPrintSpeeds(system, path);
+// Mends the state file before PAPPL reads it:
+//   - a job it shows processing was cut off (a crash, a power cut, a kill):
+//     it is aborted, keeping its pages printed, and not printed again;
+//   - PAPPL 1.3.1 (no upstream fix as of 1.4.11) saves a job that never got a
+//     document without its format, then stops reading the printer's jobs at
+//     that line: such a job gets one.
+void mendStateFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in)
+    return;
+  std::string text, line;
+  bool changed = false;
+  while (std::getline(in, line)) {
+    if (line.rfind("Job ", 0) == 0) {
+      const size_t state = line.find(" state=\"5\"");
+      if (state != std::string::npos) {
+        line.replace(state, 10, " state=\"8\"");
+        const size_t reasons = line.find(" state_reasons=\"");
+        const std::string aborted = std::to_string(PAPPL_JREASON_ABORTED_BY_SYSTEM);
+        if (reasons == std::string::npos)
+          line += " state_reasons=\"" + aborted + "\"";
+        else
+          line.replace(
+              reasons + 16, line.find('"', reasons + 16) - reasons - 16,
+              std::to_string(atoi(line.c_str() + reasons + 16) | PAPPL_JREASON_ABORTED_BY_SYSTEM));
+        if (line.find(" completed=\"") == std::string::npos)
+          line += " completed=\"" + std::to_string(time(nullptr)) + "\"";
+        changed = true;
+      }
+      if (line.find(" format=\"") == std::string::npos) {
+        line += " format=\"application/octet-stream\"";
+        changed = true;
+      }
+    }
+    text += line + "\n";
+  }
+  if (changed)
+    replaceFile(path, text);
+}
+
+// The largest job id in the page records of `dir` (0 if none): a printer's
+// job ids start above it, so no record name is used twice, even after the
+// state file lost its count.
+int lastRecordedJobId(const std::string& dir) {
+  int last = 0;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      int page = 0, id = 0, n = 0;
+      if (sscanf(e->d_name, "page_%d_jobid_%d_%d.dat", &page, &id, &n) == 3)
+        last = std::max(last, id);
+    }
+    closedir(d);
+  }
+  return last;
+}
+
+void startJobIdsAbove(pappl_printer_t* printer, int last) {
+  if (papplPrinterGetNextJobID(printer) <= last)
+    papplPrinterSetNextJobID(printer, last + 1);
+}
+
+// A page counter a crash left in its journal is the counter.
+void recoverPageCounters(const std::string& dir) {
+  constexpr char kJournal[] = ".journal";
+  const size_t n = sizeof(kJournal) - 1;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name.size() > n && name.compare(name.size() - n, n, kJournal) == 0)
+        rename((dir + "/" + name).c_str(), (dir + "/" + name.substr(0, name.size() - n)).c_str());
+    }
+    closedir(d);
+  }
+}
+
+// Printers made since the last save, whose job ids have yet to be raised:
+// PAPPL announces a new printer while it holds the printer's lock.
+std::mutex gNewPrintersLock;
+std::set<pappl_printer_t*> gNewPrinters;
+
+void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t*, pappl_event_t event, void*) {
+  if ((event & PAPPL_EVENT_PRINTER_CREATED) != 0 && printer != nullptr) {
+    std::lock_guard<std::mutex> hold(gNewPrintersLock);
+    gNewPrinters.insert(printer);
+  }
+}
+
+// Raises the job ids of the printers made since the last call; the main loop
+// saves (and so calls this) as soon as a printer is added.
+void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config) {
+  {
+    std::lock_guard<std::mutex> hold(gNewPrintersLock);
+    if (gNewPrinters.empty())
+      return;
+  }
+  int last = lastRecordedJobId(config.pageDirectory);
+  papplSystemIteratePrinters(
+      system,
+      [](pappl_printer_t* printer, void* last) {
+        bool isNew;
+        {
+          std::lock_guard<std::mutex> hold(gNewPrintersLock);
+          isNew = gNewPrinters.erase(printer) != 0;
+        }
+        if (isNew)
+          startJobIdsAbove(printer, *static_cast<int*>(last));
+      },
+      &last);
 }
 
 // Where PAPPL's own main loop would keep the state.
@@ -593,7 +742,7 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
       logLevel(option("log-level")), nullptr, false);
   if (system == nullptr)
     return nullptr;
-  if (!appFixPappl(system)) {
+  if (!appFixPappl(system, onEvent, config)) {
     papplSystemDelete(system);
     return nullptr;
   }
@@ -617,7 +766,10 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   // Loaded once the drivers are known: each saved printer is made again.
   const char* state = option("state-file");
   config->stateFile = state != nullptr ? state : defaultStateFile();
+  recoverPageCounters(config->pageDirectory);
+  mendStateFile(config->stateFile);
   papplSystemLoadState(system, config->stateFile.c_str());
+  raiseNewPrintersJobIds(system, *config);
   papplSystemSetSaveCallback(system, saveState, config);
   return system;
 }

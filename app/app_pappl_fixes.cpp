@@ -61,6 +61,8 @@ std::set<pappl_printer_t*> gDeleted;
 std::set<pappl_job_t*> gStreamed;
 // The job this thread is starting while it holds gStartLock.
 thread_local pappl_job_t* tStarting = nullptr;
+// The application's own event callback.
+pappl_event_cb_t gEvents = nullptr;
 
 // A streamed job's client header, read on its client's thread.
 thread_local bool tStreaming = false;
@@ -73,14 +75,16 @@ void releaseStart() {
 }
 
 // PAPPL sends the job's state change right after it marks the job processing.
-void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t* job, pappl_event_t event,
-             void*) {
+void onEvent(pappl_system_t* system, pappl_printer_t* printer, pappl_job_t* job,
+             pappl_event_t event, void* data) {
   if (tStarting != nullptr && job == tStarting && (event & PAPPL_EVENT_JOB_STATE_CHANGED) != 0)
     releaseStart();
   if ((event & PAPPL_EVENT_PRINTER_DELETED) != 0 && printer != nullptr) {
     std::lock_guard<std::mutex> hold(gStartLock);
     gDeleted.insert(printer);
   }
+  if (gEvents != nullptr)
+    gEvents(system, printer, job, event, data);
 }
 
 // Runs a job claimed under gStartLock (held on entry, released on return),
@@ -187,7 +191,7 @@ const cups_page_header2_t* appClientPageHeader() {
   return tStreaming && tHaveHeader ? &tHeader : nullptr;
 }
 
-bool appFixPappl(pappl_system_t* system) {
+bool appFixPappl(pappl_system_t* system, pappl_event_cb_t events, void* data) {
   if (original__papplJobProcess() == nullptr || original__papplJobProcessRaster() == nullptr ||
       original_papplJobCancel() == nullptr || original_papplPrinterCancelAllJobs() == nullptr ||
       original__papplPrinterCheckJobs() == nullptr || original_cupsRasterReadHeader2() == nullptr ||
@@ -196,6 +200,7 @@ bool appFixPappl(pappl_system_t* system) {
              "This PAPPL or CUPS library lacks a function the application mends.");
     return false;
   }
-  papplSystemSetEventCallback(system, onEvent, nullptr);
+  gEvents = events;
+  papplSystemSetEventCallback(system, onEvent, data);
   return true;
 }

@@ -6,9 +6,10 @@
 #include <cups/raster.h>
 #include <pappl/pappl.h>
 
-// Installs the fixes for a system; false, with a log line, when the PAPPL
-// library in use lacks a function they rely on.
-bool appFixPappl(pappl_system_t* system);
+// Installs the fixes for a system, whose events then also reach `events`;
+// false, with a log line, when the PAPPL library in use lacks a function they
+// rely on.
+bool appFixPappl(pappl_system_t* system, pappl_event_cb_t events, void* data);
 
 // The page header a client's PWG raster stream last gave on this thread, or
 // null outside a streamed job: PAPPL hands a driver its own 8-bit header

@@ -100,6 +100,8 @@ class AppJob {
   unsigned rows_ = 0;    // of this page that arrived
   std::string problem_;  // why the last page could not start
   bool gray_ = false;
+
+  bool journalCounter();
 };
 
 // How administration is guarded; set from the server options.

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr double kMmPerInch = 25.4;
-constexpr uint16_t kPageNumWrap = 9000;
 constexpr uint8_t kRasterCommand[4] = {0x1D, 0x76, 0x30, 0x00};  // GS 'v' '0', mode 0
 constexpr size_t kRecordHeaderSize = 22;                         // "SIZ" block + raster header
 constexpr int kMaxNameSuffix = 1000000;

@@ -94,6 +94,9 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& header,
 void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
                float maxMediaWidthMm, const char* jobId);
 
+// The page counter goes back to 1 when a job ends at this value or above.
+constexpr uint16_t kPageNumWrap = 9000;
+
 // Per page, before its pixels are read: reload the page counter and send the
 // print-setting block.
 void jobSetup(OstraPrinter* printer, Settings* settings);

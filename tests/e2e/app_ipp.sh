@@ -13,16 +13,19 @@ mountpoint -q /run || mount -t tmpfs -o mode=0755 ostra-run /run
 mkdir -p $w/dev $w/tests
 fail() { echo "FAIL: $*; the server's log:" && grep -v '^[DI]' $w/log | tail -40; cat $w/stderr; exit 1; }
 
-"$build/ostra-printer-app" server -o server-port=$port -o listen-hostname=127.0.0.1 \
-  -o log-file=$w/log -o log-level=info -o state-file=$w/state -o spool-directory=$w/spool \
-  -o page-directory=$w/pages -o file-device-directory=$w/dev 2>$w/stderr &
-pid=$!
+start() {
+  "$build/ostra-printer-app" server -o server-port=$port -o listen-hostname=127.0.0.1 \
+    -o log-file=$w/log -o log-level=info -o state-file=$w/state -o spool-directory=$w/spool \
+    -o page-directory=$w/pages -o file-device-directory=$w/dev 2>>$w/stderr &
+  pid=$!
+  end=$(($(date +%s) + 30))
+  until curl -so /dev/null http://127.0.0.1:$port/; do
+    [ "$(date +%s)" -lt $end ] || fail "the server did not start"
+    sleep 0.2
+  done
+}
+start
 trap 'kill $pid 2>/dev/null || :' EXIT
-end=$(($(date +%s) + 30))
-until curl -so /dev/null http://127.0.0.1:$port/; do
-  [ "$(date +%s)" -lt $end ] || fail "the server did not start"
-  sleep 0.2
-done
 "$build/ostra-printer-app" add -d ostra -m ostra_300 -v file://$w/dev
 
 # The files look for their documents beside themselves and stop at one that
@@ -98,5 +101,40 @@ completed=$(grep -c 'Completed, job-impressions' $w/log || :)
 kill -0 $pid 2>/dev/null || fail "the server is gone"
 mkdir $w/preview
 "$build/ostra-preview" -o $w/preview $w/pages/page_*.dat >/dev/null || fail "a bad page record"
+
+# Killed after the second of twenty pages, and started again: the job is
+# aborted with its pages (but perhaps the last, when the kill fell between its
+# record and the save after it), the counter they moved is on disk, and the
+# next job takes a new id and new record names.
+id=$(ipptool -tv -d copies=20 -d format=image/png -d file=$w/doc.png "$uri" \
+  "$src/tests/e2e/ipp/print-copies.test" | sed -n 's/.*job-id (integer) = \([0-9]*\).*/\1/p')
+[ -n "$id" ] || fail "no job for twenty copies"
+job=$(printf %06d "$id")
+end=$(($(date +%s) + 60))
+until [ "$(ls $w/pages | grep -c "_jobid_${job}_")" -ge 2 ]; do
+  [ "$(date +%s)" -lt $end ] || fail "the twenty copies did not start"
+  sleep 0.05
+done
+kill -9 $pid && wait $pid 2>/dev/null || :
+printed=$(ls $w/pages | grep -c "_jobid_${job}_")
+last=$(ls $w/pages | sed -n "s/^page_\([0-9]*\)_jobid_${job}_.*/\1/p" | sort -n | tail -1)
+ls $w/pages >$w/before-restart
+start
+ipptool -t -d job=$id -d state=8 -d after=$((printed - 2)) "$uri" \
+  "$src/tests/e2e/ipp/get-job-state.test" >$w/restart.log ||
+  { grep -A12 FAIL $w/restart.log; fail "job $id after the restart"; }
+counter=$(od -An -tu2 $w/pages/ostra.pgc | tr -d ' ')
+[ "$counter" -eq "$(expr "$last" + 1)" ] || fail "counter $counter after page $last"
+next=$(ipptool -tv -d copies=1 -d format=image/png -d file=$w/doc.png "$uri" \
+  "$src/tests/e2e/ipp/print-copies.test" | sed -n 's/.*job-id (integer) = \([0-9]*\).*/\1/p')
+[ "$next" -gt "$id" ] || fail "job id $next after $id"
+end=$(($(date +%s) + 60))
+until ipptool -q -T 10 "$uri" "$src/tests/e2e/ipp/get-jobs.test"; do
+  [ "$(date +%s)" -lt $end ] || fail "job $next did not end"
+  sleep 0.2
+done
+ls $w/pages | grep "_jobid_$(printf %06d "$next")_" | grep -qvxFf $w/before-restart ||
+  fail "job $next left no new record"
+echo "killed after $printed of 20 pages: job $id aborted, counter $counter, next job $next"
 ! grep -q 'Sanitizer\|runtime error' $w/stderr || fail "a sanitizer report"
 echo "$rounds rounds from two clients: $completed jobs completed in all, the server still answers"
