@@ -9,6 +9,11 @@
 
 namespace {
 
+std::string directoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
 // Points to millimetres as the printer's tools have always converted them.
 constexpr double kMmPerPoint = 0.3528;
 constexpr double kPointsPerInch = 72.0;
@@ -205,7 +210,14 @@ bool AppJob::endPage(bool canceled) {
                   rows_, header_.cupsHeight);
     return false;
   }
-  if (!journalCounter())
+  // The counter is stored at the job's end; until then, before each page's
+  // record is written, the value the job would store once it is goes to a
+  // journal beside the counter, which a server that crashed takes as the
+  // counter when it starts again: a number may be skipped, none used twice.
+  // Only the first record makes the directory; that page's entry follows it.
+  const std::string counter = printer_.pageCounterPath();
+  const bool before = !counter.empty() && access(directoryOf(counter).c_str(), F_OK) == 0;
+  if (before && !journalCounter(counter, static_cast<uint16_t>(printer_.state().PageNum + 1)))
     return false;
   try {
     printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
@@ -214,18 +226,11 @@ bool AppJob::endPage(bool canceled) {
     kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process the page, the page is not printed");
     return false;
   }
-  return printer_.pageFailure() == nullptr && !printer_.outputFailed();
+  return printer_.pageFailure() == nullptr && !printer_.outputFailed() &&
+         (before || counter.empty() || journalCounter(counter, printer_.state().PageNum));
 }
 
-// The counter is stored at the job's end; until then, before each page's
-// record is written, the value the job would store once it is goes to a
-// journal beside the counter, which a server that crashed takes as the
-// counter when it starts again. A number may be skipped, none used twice.
-bool AppJob::journalCounter() {
-  const std::string path = printer_.pageCounterPath();
-  if (path.empty())
-    return true;
-  const uint16_t next = static_cast<uint16_t>(printer_.state().PageNum + 1);
+bool AppJob::journalCounter(const std::string& path, uint16_t next) {
   const uint16_t stored = next >= kPageNumWrap ? 1 : next;
   const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
                                   static_cast<unsigned char>(stored >> 8)};

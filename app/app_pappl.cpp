@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <grp.h>
 #include <pappl/pappl.h>
 #include <sys/stat.h>
@@ -8,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -69,8 +69,8 @@ struct AppPrinter {
 bool saveState(pappl_system_t* system, void* config);
 void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
 
-// The state file holds the jobs too: saved when a job starts and after each
-// page it prints, a job cut off by a crash is still there afterwards, with
+// The state file holds the jobs too: saved when a job starts and as each page
+// starts and ends, a job cut off by a crash is still there afterwards, with
 // the pages it printed.
 void saveJobState(pappl_job_t* job, AppPrinter* own) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
@@ -259,6 +259,9 @@ bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* de
     return false;
   }
   papplDeviceFlush(device);
+  // PAPPL counts an image's copy done after its page ends: saved here too,
+  // the state file is at most the page in progress behind.
+  saveJobState(job, jd->own);
   return true;
 }
 
@@ -622,13 +625,11 @@ void mendStateFile(const std::string& path) {
 // state file lost its count.
 int lastRecordedJobId(const std::string& dir) {
   int last = 0;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (const dirent* e = readdir(d)) {
-      int page = 0, id = 0, n = 0;
-      if (sscanf(e->d_name, "page_%d_jobid_%d_%d.dat", &page, &id, &n) == 3)
-        last = std::max(last, id);
-    }
-    closedir(d);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+    int page = 0, id = 0, n = 0;
+    if (sscanf(entry.path().filename().c_str(), "page_%d_jobid_%d_%d.dat", &page, &id, &n) == 3)
+      last = std::max(last, id);
   }
   return last;
 }
@@ -640,15 +641,11 @@ void startJobIdsAbove(pappl_printer_t* printer, int last) {
 
 // A page counter a crash left in its journal is the counter.
 void recoverPageCounters(const std::string& dir) {
-  constexpr char kJournal[] = ".journal";
-  const size_t n = sizeof(kJournal) - 1;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (const dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.size() > n && name.compare(name.size() - n, n, kJournal) == 0)
-        rename((dir + "/" + name).c_str(), (dir + "/" + name.substr(0, name.size() - n)).c_str());
-    }
-    closedir(d);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+    const std::filesystem::path& journal = entry.path();
+    if (journal.extension() == ".journal")
+      std::filesystem::rename(journal, std::filesystem::path(journal).replace_extension(), error);
   }
 }
 

@@ -101,7 +101,7 @@ class AppJob {
   std::string problem_;  // why the last page could not start
   bool gray_ = false;
 
-  bool journalCounter();
+  bool journalCounter(const std::string& path, uint16_t next);
 };
 
 // How administration is guarded; set from the server options.

@@ -73,14 +73,21 @@ ipptool -q -i 0.001 -n $((10 * rounds)) "$uri" "$src/tests/e2e/ipp/get-printer-a
 size1=$(size) rss1=$(rss)
 echo "Get-Printer-Attributes x $((10 * rounds)): answer $size0 -> $size1 bytes, RSS $rss0 -> $rss1 kB"
 [ "$size1" = "$size0" ] || fail "the answer grew"
-[ "$rss1" -lt $((rss0 + 4096)) ] || fail "memory grew"
+# AddressSanitizer holds freed memory back for a while: its build is not measured.
+ldd "$build/ostra-printer-app" | grep -q libasan || [ "$rss1" -lt $((rss0 + 4096)) ] ||
+  fail "memory grew"
 
-# Print-Job, Cancel-Job on it at once, Print-Job: two clients, PNG and PWG.
-pwg=$w/tests/pwg-raster-samples-300dpi/sgray-8/color.jpg-4x6-sgray-8-300dpi.pwg
+# Print-Job, Cancel-Job on it at once, Print-Job: two clients, PNG and PWG,
+# on 2 x 1 in labels (the races are in starting and ending jobs, not pages).
+pwg=$w/label.pwg
+gs -q -dBATCH -dNOPAUSE -dSAFER -sDEVICE=pwgraster -r300 -dcupsColorSpace=18 \
+  -dcupsBitsPerColor=8 -dDEVICEWIDTHPOINTS=144 -dDEVICEHEIGHTPOINTS=72 -dPDFFitPage -dFIXEDMEDIA \
+  -dFirstPage=1 -dLastPage=1 -o $pwg "$src/samples/sample.pdf" >/dev/null
 for client in png:image/png:$w/doc.png pwg:image/pwg-raster:$pwg; do
   set -- $(echo "$client" | tr : ' ')
   (for i in $(seq "$rounds"); do
-    ipptool -R -t -T 30 -d format=$2 -d file=$3 "$uri" "$src/tests/e2e/ipp/print-cancel-print.test" ||
+    ipptool -R -t -T 30 -d format=$2 -d file=$3 -d media=oe_2x1-label_2x1in "$uri" \
+      "$src/tests/e2e/ipp/print-cancel-print.test" ||
       exit 1
   done) >$w/$1.log 2>&1 &
   eval "client_$1=\$!"

@@ -79,8 +79,16 @@ for client in local phone; do
     web "$c" $base "" /addprinter "printer_name=x&device_uri=file:///var/lib/x"
   check allowed "$client add-printer page by an admin" web "$c" $base boss:boss-pw /addprinter
   check allowed "$client prints without a login" ipp "$c" $host "" print-job $p
-  check allowed "$client sees its own job" ipp "$c" $host "" get-job "$p -d job=1 -d who=phone"
-  check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=1 -d who=x"
+  # Its job id: job ids start above those in the page directory's records.
+  end=$(($(date +%s) + 60))
+  until [ "$(ls /var/spool/cups/tmp/otv6data 2>/dev/null | grep -c '^page_')" = $id ]; do
+    [ "$(date +%s)" -lt $end ] || fail "no page record of $client's job"
+    sleep 0.2
+  done
+  job=$(ls /var/spool/cups/tmp/otv6data | sed -n 's/^page_.*_jobid_0*\([0-9]*\)_.*/\1/p' |
+    sort -n | tail -1)
+  check allowed "$client sees its own job" ipp "$c" $host "" get-job "$p -d job=$job -d who=phone"
+  check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=$job -d who=x"
   check refused "$client delete-printer without a login" ipp "$c" $host "" delete-printer $p
 done
 id=1
