@@ -26,6 +26,7 @@ Fn original(const char* name) {
 
 using ProcessFn = void* (*)(pappl_job_t*);
 using RasterFn = void (*)(pappl_job_t*, pappl_client_t*);
+using CopyFn = void (*)(pappl_client_t*, pappl_job_t*);
 using CancelFn = void (*)(pappl_job_t*);
 using CancelAllFn = void (*)(pappl_printer_t*);
 using CheckFn = void (*)(pappl_printer_t*);
@@ -34,6 +35,7 @@ using AddStringsFn = ipp_attribute_t* (*)(ipp_t*, ipp_tag_t, ipp_tag_t, const ch
                                           const char*, const char* const*);
 ORIGINAL(ProcessFn, _papplJobProcess)
 ORIGINAL(RasterFn, _papplJobProcessRaster)
+ORIGINAL(CopyFn, _papplJobCopyDocumentData)
 ORIGINAL(CancelFn, papplJobCancel)
 ORIGINAL(CancelAllFn, papplPrinterCancelAllJobs)
 ORIGINAL(CheckFn, _papplPrinterCheckJobs)
@@ -52,7 +54,11 @@ ORIGINAL(AddStringsFn, ippAddStrings)
 //     when it has quite finished;
 //   - gStartLock is held until PAPPL announces the job processing, so a
 //     cancel sees the job either pending (and takes it off the queue before
-//     any thread looks at it) or processing (and stops it at the next page).
+//     any thread looks at it) or processing (and stops it at the next page);
+//   - a streamed job's turn is taken before PAPPL looks whether the printer
+//     is busy: PAPPL's own way out when it is (aborting the job) takes the
+//     printer's lock, then the system's, the reverse of saving the state, and
+//     the server hangs when the two meet.
 std::mutex gStartLock;
 std::condition_variable gIdle;
 // Under gStartLock: printers running a job, printers deleted, streamed jobs.
@@ -64,6 +70,8 @@ thread_local pappl_job_t* tStarting = nullptr;
 // The application's own event callback.
 pappl_event_cb_t gEvents = nullptr;
 
+// The printer whose turn this (client) thread holds for a streamed job.
+thread_local pappl_printer_t* tTurn = nullptr;
 // A streamed job's client header, read on its client's thread.
 thread_local bool tStreaming = false;
 thread_local bool tHaveHeader = false;
@@ -89,14 +97,7 @@ void onEvent(pappl_system_t* system, pappl_printer_t* printer, pappl_job_t* job,
 
 // Runs a job claimed under gStartLock (held on entry, released on return),
 // then starts the jobs whose threads left meanwhile.
-template <typename Run>
-void runClaimed(pappl_job_t* job, pappl_printer_t* printer, Run run) {
-  gBusy.insert(printer);
-  gDeleted.erase(printer);  // a new printer where a deleted one was
-  tStarting = job;
-  run();
-  if (tStarting != nullptr)
-    releaseStart();
+void endTurn(pappl_printer_t* printer) {
   bool deleted;
   {
     std::lock_guard<std::mutex> hold(gStartLock);
@@ -106,6 +107,17 @@ void runClaimed(pappl_job_t* job, pappl_printer_t* printer, Run run) {
   gIdle.notify_all();
   if (!deleted && papplSystemIsRunning(papplPrinterGetSystem(printer)))
     original__papplPrinterCheckJobs()(printer);
+}
+
+template <typename Run>
+void runClaimed(pappl_job_t* job, pappl_printer_t* printer, Run run) {
+  gBusy.insert(printer);
+  gDeleted.erase(printer);  // a new printer where a deleted one was
+  tStarting = job;
+  run();
+  if (tStarting != nullptr)
+    releaseStart();
+  endTurn(printer);
 }
 
 }  // namespace
@@ -124,23 +136,49 @@ void* _papplJobProcess(pappl_job_t* job) {
   return result;
 }
 
-void _papplJobProcessRaster(pappl_job_t* job, pappl_client_t* client) {
+void _papplJobCopyDocumentData(pappl_client_t* client, pappl_job_t* job) {
+  const char* format = papplJobGetFormat(job);
+  if (format == nullptr ||
+      (strcmp(format, "image/pwg-raster") != 0 && strcmp(format, "image/urf") != 0)) {
+    original__papplJobCopyDocumentData()(client, job);
+    return;
+  }
   pappl_printer_t* printer = papplJobGetPrinter(job);
-  std::unique_lock<std::mutex> hold(gStartLock);
-  gStreamed.insert(job);
-  gIdle.wait(hold, [&] { return !gBusy.count(printer) || gDeleted.count(printer); });
-  gStreamed.erase(job);
-  if (gDeleted.count(printer) || papplJobGetState(job) != IPP_JSTATE_PENDING) {
-    // Cancelled while it waited: the client's pages are read and dropped.
-    hold.unlock();
+  {
+    std::unique_lock<std::mutex> hold(gStartLock);
+    gStreamed.insert(job);
+    gIdle.wait(hold, [&] { return !gBusy.count(printer) || gDeleted.count(printer); });
+    gStreamed.erase(job);
+    if (gDeleted.count(printer) || papplJobGetState(job) != IPP_JSTATE_HELD) {
+      // Cancelled while it waited: the client's pages are read and dropped.
+      hold.unlock();
+      httpFlush(papplClientGetHTTP(client));
+      papplClientRespondIPP(client, IPP_STATUS_ERROR_JOB_CANCELED, "Job #%d was canceled.",
+                            papplJobGetID(job));
+      return;
+    }
+    gBusy.insert(printer);
+  }
+  tTurn = printer;
+  original__papplJobCopyDocumentData()(client, job);
+  tTurn = nullptr;
+  endTurn(printer);
+}
+
+void _papplJobProcessRaster(pappl_job_t* job, pappl_client_t* client) {
+  gStartLock.lock();
+  if (tTurn != papplJobGetPrinter(job) || papplJobGetState(job) != IPP_JSTATE_PENDING) {
+    gStartLock.unlock();
     httpFlush(papplClientGetHTTP(client));
     return;
   }
-  hold.release();
+  tStarting = job;
   tStreaming = true;
   tHaveHeader = false;
-  runClaimed(job, printer, [&] { original__papplJobProcessRaster()(job, client); });
+  original__papplJobProcessRaster()(job, client);
   tStreaming = false;
+  if (tStarting != nullptr)
+    releaseStart();
 }
 
 void papplJobCancel(pappl_job_t* job) {
@@ -193,7 +231,8 @@ const cups_page_header2_t* appClientPageHeader() {
 
 bool appFixPappl(pappl_system_t* system, pappl_event_cb_t events, void* data) {
   if (original__papplJobProcess() == nullptr || original__papplJobProcessRaster() == nullptr ||
-      original_papplJobCancel() == nullptr || original_papplPrinterCancelAllJobs() == nullptr ||
+      original__papplJobCopyDocumentData() == nullptr || original_papplJobCancel() == nullptr ||
+      original_papplPrinterCancelAllJobs() == nullptr ||
       original__papplPrinterCheckJobs() == nullptr || original_cupsRasterReadHeader2() == nullptr ||
       original_ippAddStrings() == nullptr) {
     papplLog(system, PAPPL_LOGLEVEL_FATAL,
