@@ -69,9 +69,9 @@ struct AppPrinter {
 bool saveState(pappl_system_t* system, void* config);
 void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
 
-// The state file holds the jobs too: saved when a job starts and as each page
-// starts and ends, a job cut off by a crash is still there afterwards, with
-// the pages it printed.
+// The state file holds the jobs too: saved as a job's pages go (see
+// startPage), a job cut off by a crash is still there afterwards, with the
+// pages it printed.
 void saveJobState(pappl_job_t* job, AppPrinter* own) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
   if (!saveState(papplPrinterGetSystem(printer), own->config))
@@ -86,7 +86,8 @@ struct AppJobData {
   time_t deadline = 0;  // 0: none
   int limit = 0;
   AppPrinter* own = nullptr;
-  bool oneBit = false;  // this page's rows arrive 1 bit a pixel, as the client sent them
+  bool streamed = false;  // PWG raster, printed as it arrives
+  bool oneBit = false;    // this page's rows arrive 1 bit a pixel, as the client sent them
   std::vector<unsigned char> row;
 };
 
@@ -233,8 +234,11 @@ bool startJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* dev
     return papplJobIsCanceled(job) || (deadline != 0 && time(nullptr) > deadline);
   });
   jd->own = own;
+  jd->streamed = appClientPageHeader() != nullptr;
+  const bool streamed = jd->streamed;
   papplJobSetData(job, jd.release());
-  saveJobState(job, own);
+  if (streamed)
+    saveJobState(job, own);
   return true;
 }
 
@@ -259,9 +263,11 @@ bool startPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* de
     return false;
   }
   papplDeviceFlush(device);
-  // PAPPL counts an image's copy done after its page ends: saved here too,
-  // the state file is at most the page in progress behind.
-  saveJobState(job, jd->own);
+  // PAPPL counts an image's page (a copy) done only after it ends, and a
+  // streamed page as it starts: an image job is saved as each page starts,
+  // a streamed one as it starts and after each page.
+  if (!jd->streamed)
+    saveJobState(job, jd->own);
   return true;
 }
 
@@ -297,7 +303,7 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
                        jd->job->pageIncomplete() ? PAPPL_JREASON_DOCUMENT_FORMAT_ERROR
                                                  : PAPPL_JREASON_ERRORS_DETECTED,
                        PAPPL_JREASON_NONE);
-  if (kept)
+  if (kept && jd->streamed)
     saveJobState(job, jd->own);
   return kept;
 }

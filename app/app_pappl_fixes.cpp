@@ -31,6 +31,7 @@ using CancelFn = void (*)(pappl_job_t*);
 using CancelAllFn = void (*)(pappl_printer_t*);
 using CheckFn = void (*)(pappl_printer_t*);
 using ReadHeaderFn = unsigned (*)(cups_raster_t*, cups_page_header2_t*);
+using FindFn = ipp_attribute_t* (*)(ipp_t*, const char*, ipp_tag_t);
 using AddStringsFn = ipp_attribute_t* (*)(ipp_t*, ipp_tag_t, ipp_tag_t, const char*, int,
                                           const char*, const char* const*);
 ORIGINAL(ProcessFn, _papplJobProcess)
@@ -41,6 +42,14 @@ ORIGINAL(CancelAllFn, papplPrinterCancelAllJobs)
 ORIGINAL(CheckFn, _papplPrinterCheckJobs)
 ORIGINAL(ReadHeaderFn, cupsRasterReadHeader2)
 ORIGINAL(AddStringsFn, ippAddStrings)
+ORIGINAL(FindFn, ippFindAttribute)
+ORIGINAL(FindFn, ippFindNextAttribute)
+
+// PAPPL 1.3.1 (no upstream fix as of 1.4.11) looks up a printer's attributes
+// from several threads at once under a shared lock, but libcups keeps the
+// state of a lookup in the attribute list itself: a Print-Job checked while
+// the state is saved can find its media "unsupported". Lookups take turns.
+std::recursive_mutex gFindLock;
 
 // PAPPL 1.3.1 (no upstream fix as of 1.4.11) starts a job's thread before
 // marking the job processing, and reads "processing" unlocked; a streamed PWG
@@ -223,6 +232,16 @@ ipp_attribute_t* ippAddStrings(ipp_t* ipp, ipp_tag_t group, ipp_tag_t value_tag,
   return original_ippAddStrings()(ipp, group, value_tag, name, num_values, language, values);
 }
 
+ipp_attribute_t* ippFindAttribute(ipp_t* ipp, const char* name, ipp_tag_t type) {
+  std::lock_guard<std::recursive_mutex> hold(gFindLock);
+  return original_ippFindAttribute()(ipp, name, type);
+}
+
+ipp_attribute_t* ippFindNextAttribute(ipp_t* ipp, const char* name, ipp_tag_t type) {
+  std::lock_guard<std::recursive_mutex> hold(gFindLock);
+  return original_ippFindNextAttribute()(ipp, name, type);
+}
+
 }  // extern "C"
 
 const cups_page_header2_t* appClientPageHeader() {
@@ -234,7 +253,8 @@ bool appFixPappl(pappl_system_t* system, pappl_event_cb_t events, void* data) {
       original__papplJobCopyDocumentData() == nullptr || original_papplJobCancel() == nullptr ||
       original_papplPrinterCancelAllJobs() == nullptr ||
       original__papplPrinterCheckJobs() == nullptr || original_cupsRasterReadHeader2() == nullptr ||
-      original_ippAddStrings() == nullptr) {
+      original_ippAddStrings() == nullptr || original_ippFindAttribute() == nullptr ||
+      original_ippFindNextAttribute() == nullptr) {
     papplLog(system, PAPPL_LOGLEVEL_FATAL,
              "This PAPPL or CUPS library lacks a function the application mends.");
     return false;

@@ -1,5 +1,5 @@
-// Where PAPPL 1.3.1 itself is at fault: job starts that race, a page header the
-// driver never sees, an attribute that grows with every request.
+// Where PAPPL 1.3.1 itself is at fault: job starts that race, attribute lookups
+// that collide, a page header the driver never sees, an answer that grows.
 #ifndef OSTRA_APP_APP_PAPPL_FIXES_H
 #define OSTRA_APP_APP_PAPPL_FIXES_H
 

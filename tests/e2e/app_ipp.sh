@@ -25,7 +25,8 @@ start() {
   done
 }
 start
-trap 'kill $pid 2>/dev/null || :' EXIT
+# Gone before the sandbox copies /tmp out: no file may change under the copy.
+trap 'kill -9 $pid 2>/dev/null; wait $pid 2>/dev/null || :' EXIT
 "$build/ostra-printer-app" add -d ostra -m ostra_300 -v file://$w/dev
 
 # The files look for their documents beside themselves and stop at one that
