@@ -28,6 +28,7 @@ constexpr char kFooter[] =
     "page pipeline as the CUPS filter rastertoostra.";
 constexpr int kHundredthsMmPerInch = 2540;
 constexpr char kNativeFormat[] = "application/vnd.kiwa-ostra";
+constexpr int kMaxQueueSavedPerPage = 10;
 
 pappl_pr_driver_t kDrivers[] = {
     {"ostra_203", "Kiwa Ostra 203 dpi", "MFG:Kiwa;MDL:Ostra;CMD:OSTRA;", nullptr},
@@ -74,6 +75,10 @@ void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
 // pages it printed.
 void saveJobState(pappl_job_t* job, AppPrinter* own) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
+  // A save writes every waiting job too: behind a long queue, the jobs are
+  // saved only as each starts (PAPPL's own save), so a page costs no more.
+  if (papplPrinterGetNumberOfActiveJobs(printer) > kMaxQueueSavedPerPage)
+    return;
   if (!saveState(papplPrinterGetSystem(printer), own->config))
     papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Unable to save the state file %s: %s",
                 own->config->stateFile.c_str(), strerror(errno));
