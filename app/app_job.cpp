@@ -3,16 +3,12 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <new>
 
 #include "app/ostra_app.h"
 
 namespace {
-
-std::string directoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
 
 // Points to millimetres as the printer's tools have always converted them.
 constexpr double kMmPerPoint = 0.3528;
@@ -216,7 +212,8 @@ bool AppJob::endPage(bool canceled) {
   // counter when it starts again: a number may be skipped, none used twice.
   // Only the first record makes the directory; that page's entry follows it.
   const std::string counter = printer_.pageCounterPath();
-  const bool before = !counter.empty() && access(directoryOf(counter).c_str(), F_OK) == 0;
+  const bool before =
+      !counter.empty() && std::filesystem::exists(std::filesystem::path(counter).parent_path());
   if (before && !journalCounter(counter, static_cast<uint16_t>(printer_.state().PageNum + 1)))
     return false;
   try {
@@ -234,17 +231,29 @@ bool AppJob::journalCounter(const std::string& path, uint16_t next) {
   const uint16_t stored = next >= kPageNumWrap ? 1 : next;
   const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
                                   static_cast<unsigned char>(stored >> 8)};
-  const std::string temp = path + ".journal.new";
-  FILE* f = fopen(temp.c_str(), "wb");
-  bool ok = f != nullptr && fwrite(bytes, 1, 2, f) == 2 && fflush(f) == 0 && fsync(fileno(f)) == 0;
-  ok = (f == nullptr || fclose(f) == 0) && ok &&
-       rename(temp.c_str(), (path + ".journal").c_str()) == 0;
-  if (!ok) {
-    kiwaLogCommon(KIWA_LOG_ERROR, "Unable to store the page counter in %s.journal: %s",
-                  path.c_str(), strerror(errno));
-    unlink(temp.c_str());
+  if (appReplaceFile(path + ".journal", bytes, sizeof(bytes)))
+    return true;
+  kiwaLogCommon(KIWA_LOG_ERROR, "Unable to store the page counter in %s.journal: %s", path.c_str(),
+                strerror(errno));
+  return false;
+}
+
+bool appReplaceFile(const std::string& path, const void* data, size_t size) {
+  const std::string temp = path + ".new";
+  FILE* out = fopen(temp.c_str(), "wb");
+  bool ok = out != nullptr && fwrite(data, 1, size, out) == size && fflush(out) == 0 &&
+            fsync(fileno(out)) == 0;
+  int error = errno;
+  if (out != nullptr && fclose(out) != 0 && ok) {
+    ok = false;
+    error = errno;
   }
-  return ok;
+  if (ok && rename(temp.c_str(), path.c_str()) == 0)
+    return true;
+  error = ok ? errno : error;
+  unlink(temp.c_str());
+  errno = error;
+  return false;
 }
 
 bool AppJob::end() {

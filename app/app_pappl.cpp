@@ -64,10 +64,10 @@ struct AppPrinter {
   PrinterState state;
   PrinterPaths paths;
   int jobTimeLimit = 0;
-  AppConfig* config = nullptr;
+  const AppConfig* config = nullptr;
 };
 
-bool saveState(pappl_system_t* system, void* config);
+bool saveStateTo(pappl_system_t* system, const AppConfig& config);
 void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
 
 // The state file holds the jobs too: saved as a job's pages go (see
@@ -79,7 +79,7 @@ void saveJobState(pappl_job_t* job, AppPrinter* own) {
   // saved only as each starts (PAPPL's own save), so a page costs no more.
   if (papplPrinterGetNumberOfActiveJobs(printer) > kMaxQueueSavedPerPage)
     return;
-  if (!saveState(papplPrinterGetSystem(printer), own->config))
+  if (!saveStateTo(papplPrinterGetSystem(printer), *own->config))
     papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Unable to save the state file %s: %s",
                 own->config->stateFile.c_str(), strerror(errno));
 }
@@ -405,7 +405,7 @@ bool driverCallback(pappl_system_t* system, const char* driverName, const char* 
   own->paths.imageDir = config->imageDirectory;
   own->paths.debugImages = config->debugImages;
   own->jobTimeLimit = config->jobTimeLimit;
-  own->config = const_cast<AppConfig*>(config);
+  own->config = config;
   data->extension = own;
   data->delete_cb = deletePrinter;
   data->rstartjob_cb = startJob;
@@ -542,18 +542,6 @@ bool addPrinterPage(pappl_client_t* client, void* system) {
   return true;
 }
 
-// Writes `text` as the whole of `path`, in one step and on disk.
-bool replaceFile(const std::string& path, const std::string& text) {
-  const std::string temp = path + ".new";
-  FILE* out = fopen(temp.c_str(), "w");
-  bool ok = out != nullptr && fwrite(text.data(), 1, text.size(), out) == text.size() &&
-            fflush(out) == 0 && fsync(fileno(out)) == 0;
-  ok = (out == nullptr || fclose(out) == 0) && ok && rename(temp.c_str(), path.c_str()) == 0;
-  if (!ok)
-    unlink(temp.c_str());
-  return ok;
-}
-
 // PAPPL 1.3.1 reads a printer's print-speed-default back from the state file
 // but never writes it: the line goes into each printer's block after PAPPL has
 // saved, and the file is replaced whole.
@@ -573,22 +561,26 @@ bool addPrintSpeeds(pappl_system_t* system, const std::string& from, const std::
     papplPrinterGetDriverData(printer, &data);
     text += "print-speed-default " + std::to_string(data.speed_default) + "\n";
   }
-  return replaceFile(to, text);
+  return appReplaceFile(to, text.data(), text.size());
 }
 
 // Saves go through one lock (the main loop and job threads both save), to a
 // draft first: the state file is always whole, the old one or the new.
 std::mutex gSaveLock;
 
-bool saveState(pappl_system_t* system, void* config) {
+bool saveStateTo(pappl_system_t* system, const AppConfig& config) {
   std::lock_guard<std::mutex> hold(gSaveLock);
-  raiseNewPrintersJobIds(system, *static_cast<AppConfig*>(config));
-  const std::string& path = static_cast<AppConfig*>(config)->stateFile;
+  raiseNewPrintersJobIds(system, config);
+  const std::string& path = config.stateFile;
   const std::string draft = path + ".draft";
   const bool ok =
       papplSystemSaveState(system, draft.c_str()) && addPrintSpeeds(system, draft, path);
   unlink(draft.c_str());
   return ok;
+}
+
+bool saveState(pappl_system_t* system, void* config) {
+  return saveStateTo(system, *static_cast<const AppConfig*>(config));
 }
 
 // Mends the state file before PAPPL reads it:
@@ -628,7 +620,7 @@ void mendStateFile(const std::string& path) {
     text += line + "\n";
   }
   if (changed)
-    replaceFile(path, text);
+    appReplaceFile(path, text.data(), text.size());
 }
 
 // The largest job id in the page records of `dir` (0 if none): a printer's

@@ -70,10 +70,9 @@ std::recursive_mutex gFindLock;
 //     the server hangs when the two meet.
 std::mutex gStartLock;
 std::condition_variable gIdle;
-// Under gStartLock: printers running a job, printers deleted, streamed jobs.
+// Under gStartLock: printers running a job, printers deleted.
 std::set<pappl_printer_t*> gBusy;
 std::set<pappl_printer_t*> gDeleted;
-std::set<pappl_job_t*> gStreamed;
 // The job this thread is starting while it holds gStartLock.
 thread_local pappl_job_t* tStarting = nullptr;
 // The application's own event callback.
@@ -136,7 +135,7 @@ extern "C" {
 void* _papplJobProcess(pappl_job_t* job) {
   gStartLock.lock();
   pappl_printer_t* printer = papplJobGetPrinter(job);
-  if (papplJobGetState(job) != IPP_JSTATE_PENDING || gBusy.count(printer) || gStreamed.count(job)) {
+  if (papplJobGetState(job) != IPP_JSTATE_PENDING || gBusy.count(printer)) {
     gStartLock.unlock();
     return nullptr;
   }
@@ -155,9 +154,7 @@ void _papplJobCopyDocumentData(pappl_client_t* client, pappl_job_t* job) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
   {
     std::unique_lock<std::mutex> hold(gStartLock);
-    gStreamed.insert(job);
     gIdle.wait(hold, [&] { return !gBusy.count(printer) || gDeleted.count(printer); });
-    gStreamed.erase(job);
     if (gDeleted.count(printer) || papplJobGetState(job) != IPP_JSTATE_HELD) {
       // Cancelled while it waited: the client's pages are read and dropped.
       hold.unlock();

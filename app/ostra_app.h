@@ -65,6 +65,10 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 // The media width of the head, in millimetres, as the PPD states it.
 float appMaxMediaWidthMm();
 
+// Writes `size` bytes as the whole of `path`, in one step and on disk (a
+// sibling ".new" file, synced, then renamed over it); false, errno set, if not.
+bool appReplaceFile(const std::string& path, const void* data, size_t size);
+
 // One job on one printer, fed row by row. The setting block of each page goes
 // to `device`; the page records and the counter go to the printer's page
 // directory, written as the filter writes them.
