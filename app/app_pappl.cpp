@@ -68,7 +68,7 @@ struct AppPrinter {
 };
 
 bool saveStateTo(pappl_system_t* system, const AppConfig& config);
-void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config);
+void settleNewPrinters(pappl_system_t* system, const AppConfig& config);
 
 // The state file holds the jobs too: saved as a job's pages go (see
 // startPage), a job cut off by a crash is still there afterwards, with the
@@ -570,7 +570,7 @@ std::mutex gSaveLock;
 
 bool saveStateTo(pappl_system_t* system, const AppConfig& config) {
   std::lock_guard<std::mutex> hold(gSaveLock);
-  raiseNewPrintersJobIds(system, config);
+  settleNewPrinters(system, config);
   const std::string& path = config.stateFile;
   const std::string draft = path + ".draft";
   const bool ok =
@@ -652,8 +652,9 @@ void recoverPageCounters(const std::string& dir) {
   }
 }
 
-// Printers made since the last save, whose job ids have yet to be raised:
-// PAPPL announces a new printer while it holds the printer's lock.
+// Printers made (or loaded) since the last save, whose job ids and queue
+// bound have yet to be set: PAPPL announces a new printer while it holds the
+// printer's lock.
 std::mutex gNewPrintersLock;
 std::set<pappl_printer_t*> gNewPrinters;
 
@@ -664,27 +665,39 @@ void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t*, pappl_even
   }
 }
 
-// Raises the job ids of the printers made since the last call; the main loop
-// saves (and so calls this) as soon as a printer is added.
-void raiseNewPrintersJobIds(pappl_system_t* system, const AppConfig& config) {
+// Raises the job ids of the printers made since the last call and bounds
+// their queues (a save writes every job, so its cost grows with the queue);
+// the main loop saves (and so calls this) as soon as a printer is added.
+void settleNewPrinters(pappl_system_t* system, const AppConfig& config) {
   {
     std::lock_guard<std::mutex> hold(gNewPrintersLock);
     if (gNewPrinters.empty())
       return;
   }
-  int last = lastRecordedJobId(config.pageDirectory);
+  struct Settle {
+    int lastJobId;
+    int maxActiveJobs;
+  } settle{lastRecordedJobId(config.pageDirectory), config.maxActiveJobs};
   papplSystemIteratePrinters(
       system,
-      [](pappl_printer_t* printer, void* last) {
+      [](pappl_printer_t* printer, void* data) {
         bool isNew;
         {
           std::lock_guard<std::mutex> hold(gNewPrintersLock);
           isNew = gNewPrinters.erase(printer) != 0;
         }
-        if (isNew)
-          startJobIdsAbove(printer, *static_cast<int*>(last));
+        const Settle& settle = *static_cast<const Settle*>(data);
+        if (isNew) {
+          startJobIdsAbove(printer, settle.lastJobId);
+          papplPrinterSetMaxActiveJobs(printer, settle.maxActiveJobs);
+          // PAPPL 1.3.1 (no upstream fix as of 1.4.11) forgets no finished
+          // job while jobs keep finishing: its clean-up looks at the newest
+          // first and stops at one under a minute old, unless jobs are
+          // preserved. One is (its document kept until the next job ends).
+          papplPrinterSetMaxPreservedJobs(printer, 1);
+        }
       },
-      &last);
+      &settle);
 }
 
 // Where PAPPL's own main loop would keep the state.
@@ -730,6 +743,8 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   access.openAdmin = yes(option("allow-unauthenticated-admin"));
   if (const char* limit = option("job-time-limit"))
     config->jobTimeLimit = atoi(limit);
+  if (const char* limit = option("max-active-jobs"))
+    config->maxActiveJobs = std::max(0, atoi(limit));
 
   const char* spool = option("spool-directory");
   const std::string spoolDir = spool != nullptr ? spool : defaultSpoolDirectory();
@@ -769,7 +784,7 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   recoverPageCounters(config->pageDirectory);
   mendStateFile(config->stateFile);
   papplSystemLoadState(system, config->stateFile.c_str());
-  raiseNewPrintersJobIds(system, *config);
+  settleNewPrinters(system, *config);
   papplSystemSetSaveCallback(system, saveState, config);
   return system;
 }
@@ -781,10 +796,10 @@ constexpr const char* kServerOptions[] = {"admin-group",     "allow-unauthentica
                                           "debug-images",    "file-device-directory",
                                           "image-directory", "job-time-limit",
                                           "listen-hostname", "log-file",
-                                          "log-level",       "page-directory",
-                                          "private-server",  "server-hostname",
-                                          "server-port",     "spool-directory",
-                                          "state-file"};
+                                          "log-level",       "max-active-jobs",
+                                          "page-directory",  "private-server",
+                                          "server-hostname", "server-port",
+                                          "spool-directory", "state-file"};
 
 // Where the command line looks for a server of this user (PAPPL's place), and
 // where the socket really is: in a directory of its own, the gate.

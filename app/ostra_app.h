@@ -124,7 +124,8 @@ struct AppConfig {
   bool debugImages = false;
   std::string stateFile;  // printers and their defaults; where PAPPL keeps them if not given
   AppAccess access;
-  int jobTimeLimit = 300;  // seconds a job may process; 0: no limit
+  int jobTimeLimit = 300;   // seconds a job may process; 0: no limit
+  int maxActiveJobs = 100;  // jobs a printer holds waiting or printing; 0: no limit
 };
 
 typedef struct _pappl_system_s pappl_system_t;
@@ -132,7 +133,8 @@ typedef struct _pappl_system_s pappl_system_t;
 // papplMainloop's (log-level, log-file, spool-directory, server-port,
 // server-hostname, listen-hostname, private-server, admin-group, auth-service)
 // plus page-directory, image-directory, debug-images, state-file,
-// file-device-directory, allow-unauthenticated-admin and job-time-limit.
+// file-device-directory, allow-unauthenticated-admin, job-time-limit and
+// max-active-jobs.
 pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfig* config);
 // The printer application's main: the server runs here (its control socket
 // needs care PAPPL's main loop does not take); every other sub-command is
