@@ -3,7 +3,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <new>
 
 #include "app/ostra_app.h"
@@ -154,11 +153,10 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 
 AppJob::AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
                FILE* device)
-    : settings_(settings), jobId_(std::to_string(jobId)), printer_(state, paths) {
-  printer_.getOutputStreams().clear();
+    : job_(state, paths, settings, std::to_string(jobId)) {
   if (device != nullptr)
-    printer_.getOutputStreams().push_back(device);
-  printer_.setSettings(&settings_);
+    job_.addDevice(device);
+  job_.journalCounter(true);
 }
 
 const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppdPageSize) {
@@ -167,102 +165,47 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
   gray_ = header.cupsColorSpace == CUPS_CSPACE_SW || header.cupsColorSpace == CUPS_CSPACE_W;
   if (!gray_ && header.cupsColorSpace != CUPS_CSPACE_K)
     return "only black and gray pages are accepted";
-  const OstraHeaderField bad = ostraBadHeaderField(header);
-  if (bad.name != nullptr) {
-    problem_ = std::string(bad.name) + " is " + std::to_string(bad.value) + ", must be " +
-               std::to_string(bad.low) + " to " + std::to_string(bad.high);
-    return problem_.c_str();
-  }
-  header_ = header;
   rows_ = 0;
-  copyText(header_.cupsPageSizeName, sizeof(header_.cupsPageSizeName), ppdPageSize);
-  try {
-    page_.assign(static_cast<size_t>(header.cupsBytesPerLine) * header.cupsHeight, 0);
-  } catch (const std::bad_alloc&) {
+  height_ = 0;
+  if (OstraJob::checkPage(header, &problem_) != OstraJob::Check::Print)
+    return problem_.empty() ? "the page is empty" : problem_.c_str();
+  cups_page_header2_t page = header;
+  copyText(page.cupsPageSizeName, sizeof(page.cupsPageSizeName), ppdPageSize);
+  if (!job_.allocatePage(page))
     return "no memory for the page";
-  }
-  beginPage(&printer_, &settings_, &header_, appMaxMediaWidthMm(), jobId_.c_str());
-  if (printer_.deviceFailed())
+  if (!job_.beginPage())
     return "the printer did not take the page's settings";
+  height_ = header.cupsHeight;
   return nullptr;
 }
 
 void AppJob::writeRow(unsigned y, const unsigned char* row) {
-  if (y >= header_.cupsHeight || page_.empty())
+  const cups_page_header2_t& h = job_.header();
+  if (y >= height_)
     return;
   ++rows_;
-  unsigned char* dst = page_.data() + static_cast<size_t>(y) * header_.cupsBytesPerLine;
-  for (unsigned x = 0; x < header_.cupsBytesPerLine; ++x)
+  unsigned char* dst = job_.rows() + static_cast<size_t>(y) * h.cupsBytesPerLine;
+  for (unsigned x = 0; x < h.cupsBytesPerLine; ++x)
     dst[x] = gray_ ? static_cast<unsigned char>(255 - row[x]) : row[x];
 }
 
 bool AppJob::endPage(bool canceled) {
-  if (canceled || page_.empty())
+  if (height_ == 0)
     return true;
+  if (canceled) {
+    job_.cancel();
+    return true;
+  }
   // A document that ends inside a page leaves it unprinted: half a label is
   // not what was sent.
-  if (rows_ < header_.cupsHeight) {
+  if (rows_ < height_) {
     kiwaLogCommon(KIWA_LOG_ERROR, "The page ended after %u of its %u rows: it is not printed",
-                  rows_, header_.cupsHeight);
+                  rows_, height_);
     return false;
   }
-  // The counter is stored at the job's end; until then, before each page's
-  // record is written, the value the job would store once it is goes to a
-  // journal beside the counter, which a server that crashed takes as the
-  // counter when it starts again: a number may be skipped, none used twice.
-  // Only the first record makes the directory; that page's entry follows it.
-  const std::string counter = printer_.pageCounterPath();
-  const bool before =
-      !counter.empty() && std::filesystem::exists(std::filesystem::path(counter).parent_path());
-  if (before && !journalCounter(counter, static_cast<uint16_t>(printer_.state().PageNum + 1)))
-    return false;
-  try {
-    printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
-                        header_.cupsWidth);
-  } catch (const std::bad_alloc&) {
-    kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process the page, the page is not printed");
-    return false;
-  }
-  return printer_.pageFailure() == nullptr && !printer_.outputFailed() &&
-         (before || counter.empty() || journalCounter(counter, printer_.state().PageNum));
-}
-
-bool AppJob::journalCounter(const std::string& path, uint16_t next) {
-  const uint16_t stored = next >= kPageNumWrap ? 1 : next;
-  const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
-                                  static_cast<unsigned char>(stored >> 8)};
-  if (appReplaceFile(path + ".journal", bytes, sizeof(bytes)))
-    return true;
-  kiwaLogCommon(KIWA_LOG_ERROR, "Unable to store the page counter in %s.journal: %s", path.c_str(),
-                strerror(errno));
-  return false;
-}
-
-bool appReplaceFile(const std::string& path, const void* data, size_t size) {
-  const std::string temp = path + ".new";
-  FILE* out = fopen(temp.c_str(), "wb");
-  bool ok = out != nullptr && fwrite(data, 1, size, out) == size && fflush(out) == 0 &&
-            fsync(fileno(out)) == 0;
-  int error = errno;
-  if (out != nullptr && fclose(out) != 0 && ok) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && rename(temp.c_str(), path.c_str()) == 0)
-    return true;
-  error = ok ? errno : error;
-  unlink(temp.c_str());
-  errno = error;
-  return false;
+  return job_.printPage(++pages_);
 }
 
 bool AppJob::end() {
-  jobEnd(&printer_, &settings_);
-  printer_.flushOutput();
-  if (printer_.outputFailed())
-    return false;
-  const std::string path = printer_.pageCounterPath();
-  if (!path.empty())
-    unlink((path + ".journal").c_str());
-  return true;
+  return job_.finish();
 }

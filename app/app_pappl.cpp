@@ -561,7 +561,7 @@ bool addPrintSpeeds(pappl_system_t* system, const std::string& from, const std::
     papplPrinterGetDriverData(printer, &data);
     text += "print-speed-default " + std::to_string(data.speed_default) + "\n";
   }
-  return appReplaceFile(to, text.data(), text.size());
+  return ostraReplaceFile(to, text.data(), text.size());
 }
 
 // Saves go through one lock (the main loop and job threads both save), to a
@@ -620,7 +620,7 @@ void mendStateFile(const std::string& path) {
     text += line + "\n";
   }
   if (changed)
-    appReplaceFile(path, text.data(), text.size());
+    ostraReplaceFile(path, text.data(), text.size());
 }
 
 // The largest job id in the page records of `dir` (0 if none): a printer's

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "common/settings.h"
-#include "printer/ostra_printer.h"
+#include "printer/ostra_job.h"
 
 // A media size of the printer: its PWG self-describing name, the page size
 // name the PPD driver uses for it, and its size in points.
@@ -65,13 +65,10 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 // The media width of the head, in millimetres, as the PPD states it.
 float appMaxMediaWidthMm();
 
-// Writes `size` bytes as the whole of `path`, in one step and on disk (a
-// sibling ".new" file, synced, then renamed over it); false, errno set, if not.
-bool appReplaceFile(const std::string& path, const void* data, size_t size);
-
-// One job on one printer, fed row by row. The setting block of each page goes
-// to `device`; the page records and the counter go to the printer's page
-// directory, written as the filter writes them.
+// One job on one printer, fed row by row: the core's job behind IPP's pages.
+// The setting block of each page goes to `device`; the page records and the
+// counter go to the printer's page directory, written as the filter writes
+// them, with the counter's journal beside it.
 class AppJob {
  public:
   AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
@@ -85,27 +82,23 @@ class AppJob {
   // One row of the page as it arrived: 8-bit black (0 no ink) or 8-bit gray
   // (0 black), as the page header says.
   void writeRow(unsigned y, const unsigned char* row);
-  // Prints the page unless the job was cancelled; false when it could not be
-  // kept (no memory, a full disk) or not every row arrived.
+  // Prints the page, or on a cancel takes back what it moved; false when it
+  // could not be kept (no memory, a full disk) or not every row arrived.
   bool endPage(bool canceled);
   // Whether the last page ended before all its rows arrived.
-  bool pageIncomplete() const { return rows_ < header_.cupsHeight; }
+  bool pageIncomplete() const { return rows_ < height_; }
   // Stores the page counter after the last page.
   bool end();
 
-  OstraPrinter& printer() { return printer_; }
+  OstraPrinter& printer() { return job_.printer(); }
 
  private:
-  Settings settings_;
-  std::string jobId_;
-  OstraPrinter printer_;
-  cups_page_header2_t header_{};
-  std::vector<unsigned char> page_;
+  OstraJob job_;
+  unsigned height_ = 0;  // of the page in hand; 0 when none started
   unsigned rows_ = 0;    // of this page that arrived
+  int pages_ = 0;
   std::string problem_;  // why the last page could not start
   bool gray_ = false;
-
-  bool journalCounter(const std::string& path, uint16_t next);
 };
 
 // How administration is guarded; set from the server options.

@@ -9,13 +9,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
+#include <string>
 
 #include <cups/raster.h>
 
 #include "common/kiwa_common.h"
 #include "common/settings.h"
 #include "filter/job_settings.h"
+#include "printer/ostra_job.h"
 
 const char* const sVersion = "1.0.0";
 OstraPrinter* sPrinter = nullptr;
@@ -125,15 +126,14 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     return 1;
   }
 
-  // Released in reverse order: page buffer, raster stream, input descriptor,
-  // the global handle, the data-output file, and last the printer.
+  // Released in reverse order: raster stream, input descriptor, the global
+  // handle, the data-output file, and last the job.
   PrinterState printerState;
-  std::unique_ptr<OstraPrinter> printer;
+  std::unique_ptr<OstraJob> job;
   std::unique_ptr<FILE, CFileCloser> dataOutput;
   PrinterHandleReset handleReset;
   InputFd input;
   std::unique_ptr<cups_raster_t, RasterCloser> raster;
-  std::unique_ptr<unsigned char, KiwaFree> page;
 
   if (argc > kFileArg) {
     const int fd = open(argv[kFileArg], O_RDONLY);
@@ -145,15 +145,13 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   }
 
   installSignalHandlers();
-  printer = std::make_unique<OstraPrinter>(printerState, paths.printer);
-  sPrinter = printer.get();
-  printer->setCancelCheck([] { return sCancelRequested != 0; });
-
   Settings settings;
   memset(&settings, 0, sizeof(settings));
   parseSettings(&settings, argv[5]);
-  const float maxMediaWidthMm = settings.MaxMediaWidth;
-  printer->setSettings(&settings);
+  job = std::make_unique<OstraJob>(printerState, paths.printer, settings, argv[1]);
+  sPrinter = &job->printer();
+  job->addDevice(stdout);
+  job->setCancelCheck([] { return sCancelRequested != 0; });
 
   // A diagnostic copy of the printer's command stream; nothing fills the
   // field today. A file that cannot be opened is left out of the stream list.
@@ -161,7 +159,7 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     dataOutput.reset(fopen(settings.DataOutputFile, "w"));
     kiwaLogCommon(KIWA_LOG_DEBUG, "Filter data output to: %s", settings.DataOutputFile);
     if (dataOutput)
-      printer->getOutputStreams().push_back(dataOutput.get());
+      job->addDevice(dataOutput.get());
   }
 
   // Written as two tests so that a NaN size passes, as it always has.
@@ -174,44 +172,26 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
   raster.reset(cupsRasterOpen(input.get(), CUPS_RASTER_READ));
 
   int pageCount = 0;
-  // The counter as the last finished page left it; a page cut short by a
-  // cancel must not take back the number an earlier page of the job used.
-  bool pageFinished = false;
   bool pageLost = false;
-  uint16_t counterAfterPage = 0;
   cups_page_header2_t header;
   while (sCancelRequested == 0 && cupsRasterReadHeader2(raster.get(), &header)) {
-    if (header.cupsBitsPerPixel != 8) {
-      kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
-                    static_cast<int>(header.cupsBitsPerPixel));
+    std::string why;
+    const OstraJob::Check check = OstraJob::checkPage(header, &why);
+    if (check == OstraJob::Check::Refused) {
+      kiwaLogCommon(KIWA_LOG_ERROR, "%s", why.c_str());
       return 1;
     }
-    if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)
+    if (check == OstraJob::Check::EndOfPages)
       break;
-
-    const OstraHeaderField bad = ostraBadHeaderField(header);
-    if (bad.name != nullptr) {
-      kiwaLogCommon(KIWA_LOG_ERROR, "Unsupported page header: %s is %u, must be %u to %u", bad.name,
-                    bad.value, bad.low, bad.high);
-      return 1;
-    }
-    // Within the limits the 32-bit product cannot wrap.
-    const uint32_t pageSize = header.cupsBytesPerLine * header.cupsHeight;
-
     writePageGeometry(paths.pageGeometryLog, header);
-
-    void* grown = realloc(page.get(), pageSize);
-    if (grown == nullptr) {
-      kiwaLogCommon(KIWA_LOG_ERROR, "No memory for a page of %u bytes", pageSize);
+    if (!job->allocatePage(header)) {
+      // Within the limits the 32-bit product cannot wrap.
+      kiwaLogCommon(KIWA_LOG_ERROR, "No memory for a page of %u bytes",
+                    header.cupsBytesPerLine * header.cupsHeight);
       return 1;
     }
-    page.release();
-    page.reset(static_cast<unsigned char*>(grown));
-    memset(page.get(), 0, pageSize);
-
-    beginPage(printer.get(), &settings, &header, maxMediaWidthMm, argv[1]);
     // A page whose settings did not reach the printer is not printed.
-    if (printer->deviceFailed()) {
+    if (!job->beginPage()) {
       pageLost = true;
       break;
     }
@@ -220,32 +200,19 @@ int runFilterJob(int argc, char* argv[], const FilterPaths& paths) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "PAGE: %d %d\n", pageCount, static_cast<int>(header.NumCopies));
     logPageHeader(header);
 
-    // A page whose pixels cannot be read is skipped without a message.
-    if (cupsRasterReadPixels(raster.get(), page.get(), pageSize) >= 1) {
-      try {
-        printer->printImage(page.get(), header.cupsBytesPerLine, header.cupsHeight,
-                            header.cupsWidth);
-      } catch (const std::bad_alloc&) {
-        kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process page %d, the page is not printed",
-                      pageCount);
-        pageLost = true;
-      }
-      pageFinished = true;
-      counterAfterPage = printerState.PageNum;
-    }
-    // Memory or disk ran out: no further page starts, and the job fails.
-    pageLost = pageLost || printer->pageFailure() != nullptr || printer->outputFailed();
-    if (pageLost)
+    // A page whose pixels cannot be read is skipped without a message; one
+    // that cannot be kept (memory or disk ran out) ends the job as failed.
+    if (cupsRasterReadPixels(raster.get(), job->rows(), static_cast<unsigned>(job->pageBytes())) >=
+            1 &&
+        !job->printPage(pageCount)) {
+      pageLost = true;
       break;
+    }
   }
   if (sCancelRequested != 0) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "Job canceled after %d page(s)", pageCount);
-    if (pageFinished)
-      printerState.PageNum = counterAfterPage;
+    job->cancel();
   }
-
-  jobEnd(printer.get(), &settings);
-  printer->flushOutput();
   // A lost page would otherwise pass for a printed one.
-  return pageLost || printer->outputFailed() ? 1 : 0;
+  return job->finish() && !pageLost ? 0 : 1;
 }
