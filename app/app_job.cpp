@@ -153,10 +153,10 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 
 AppJob::AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
                FILE* device)
-    : job_(state, paths, settings, std::to_string(jobId)) {
+    : records_(paths.spoolDir, settings.PrinterName, true),
+      job_(state, paths, settings, std::to_string(jobId), &records_) {
   if (device != nullptr)
     job_.addDevice(device);
-  job_.journalCounter(true);
 }
 
 const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppdPageSize) {

@@ -93,6 +93,7 @@ class AppJob {
   OstraPrinter& printer() { return job_.printer(); }
 
  private:
+  FileRecordSink records_;
   OstraJob job_;
   unsigned height_ = 0;  // of the page in hand; 0 when none started
   unsigned rows_ = 0;    // of this page that arrived

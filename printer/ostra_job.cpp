@@ -1,10 +1,6 @@
 #include "printer/ostra_job.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <new>
 
 namespace {
@@ -67,13 +63,14 @@ void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* h
 }
 
 OstraJob::OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
-                   std::string jobId)
+                   std::string jobId, RecordSink* records)
     : settings_(settings),
       maxMediaWidthMm_(settings.MaxMediaWidth),
       jobId_(std::move(jobId)),
       printer_(state, paths) {
   printer_.getOutputStreams().clear();
   printer_.setSettings(&settings_);
+  printer_.setRecordSink(records);
 }
 
 OstraJob::Check OstraJob::checkPage(const cups_page_header2_t& header, std::string* why) {
@@ -113,13 +110,6 @@ bool OstraJob::beginPage() {
 }
 
 bool OstraJob::printPage(int pageCount) {
-  // Only the first record makes the page directory; that page's journal entry
-  // follows its record.
-  const std::string counter = printer_.pageCounterPath();
-  const bool journalFirst = journal_ && !counter.empty() &&
-                            std::filesystem::exists(std::filesystem::path(counter).parent_path());
-  if (journalFirst && !writeJournal(static_cast<uint16_t>(printer_.state().PageNum + 1)))
-    return false;
   bool printed = true;
   try {
     printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
@@ -131,9 +121,7 @@ bool OstraJob::printPage(int pageCount) {
   }
   pageFinished_ = true;
   counterAfterPage_ = printer_.state().PageNum;
-  if (!printed || failed())
-    return false;
-  return !journal_ || journalFirst || counter.empty() || writeJournal(printer_.state().PageNum);
+  return printed && !failed();
 }
 
 void OstraJob::cancel() {
@@ -144,41 +132,5 @@ void OstraJob::cancel() {
 bool OstraJob::finish() {
   jobEnd(&printer_, &settings_);
   printer_.flushOutput();
-  if (printer_.outputFailed())
-    return false;
-  const std::string counter = printer_.pageCounterPath();
-  if (journal_ && !counter.empty())
-    unlink((counter + ".journal").c_str());
-  return true;
-}
-
-// The counter's next value as the job would store it, wrapped as it would be.
-bool OstraJob::writeJournal(uint16_t next) {
-  const std::string path = printer_.pageCounterPath() + ".journal";
-  const uint16_t stored = next >= kPageNumWrap ? 1 : next;
-  const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
-                                  static_cast<unsigned char>(stored >> 8)};
-  if (ostraReplaceFile(path, bytes, sizeof(bytes)))
-    return true;
-  kiwaLogCommon(KIWA_LOG_ERROR, "Unable to store the page counter in %s: %s", path.c_str(),
-                strerror(errno));
-  return false;
-}
-
-bool ostraReplaceFile(const std::string& path, const void* data, size_t size) {
-  const std::string temp = path + ".new";
-  FILE* out = fopen(temp.c_str(), "wb");
-  bool ok = out != nullptr && fwrite(data, 1, size, out) == size && fflush(out) == 0 &&
-            fsync(fileno(out)) == 0;
-  int error = errno;
-  if (out != nullptr && fclose(out) != 0 && ok) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && rename(temp.c_str(), path.c_str()) == 0)
-    return true;
-  error = ok ? errno : error;
-  unlink(temp.c_str());
-  errno = error;
-  return false;
+  return !printer_.outputFailed();
 }

@@ -20,9 +20,10 @@
 class OstraJob {
  public:
   // `settings` as built for the job; its MaxMediaWidth is the head's width in
-  // millimetres. `jobId` names the page records.
+  // millimetres. `jobId` names the page records, which go with the counter
+  // to `records` (not owned), or when null to files in the page directory.
   OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
-           std::string jobId);
+           std::string jobId, RecordSink* records = nullptr);
   OstraJob(const OstraJob&) = delete;
   OstraJob& operator=(const OstraJob&) = delete;
 
@@ -30,9 +31,6 @@ class OstraJob {
   void addDevice(FILE* stream) { printer_.getOutputStreams().push_back(stream); }
   // Asked before a finished record is kept: true abandons the page.
   void setCancelCheck(std::function<bool()> check) { printer_.setCancelCheck(std::move(check)); }
-  // Before each record, the value the counter will take goes to a journal
-  // beside it, for a server that may die inside a job (the filter keeps none).
-  void journalCounter(bool on) { journal_ = on; }
 
   enum class Check { Print, EndOfPages, Refused };
   // Whether a page with this header can be printed; `why` says why not.
@@ -66,15 +64,8 @@ class OstraJob {
   OstraPrinter printer_;
   cups_page_header2_t header_{};
   std::vector<unsigned char> page_;
-  bool journal_ = false;
   bool pageFinished_ = false;
   uint16_t counterAfterPage_ = 0;
-
-  bool writeJournal(uint16_t next);
 };
-
-// Writes `size` bytes as the whole of `path`, in one step and on disk (a
-// sibling ".new" file, synced, then renamed over it); false, errno set, if not.
-bool ostraReplaceFile(const std::string& path, const void* data, size_t size);
 
 #endif  // OSTRA_PRINTER_OSTRA_JOB_H

@@ -16,75 +16,10 @@ namespace {
 constexpr double kMmPerInch = 25.4;
 constexpr uint8_t kRasterCommand[4] = {0x1D, 0x76, 0x30, 0x00};  // GS 'v' '0', mode 0
 constexpr size_t kRecordHeaderSize = 22;                         // "SIZ" block + raster header
-constexpr int kMaxNameSuffix = 1000000;
-constexpr int kMaxTemporaryTries = 1000;
 
 void putLe16(uint8_t* at, unsigned value) {
   at[0] = static_cast<uint8_t>(value & 0xFF);
   at[1] = static_cast<uint8_t>((value >> 8) & 0xFF);
-}
-
-// Empty for a printer name that cannot name a file in the page directory
-// (one that would lead out of it, or is too long): such a printer keeps no
-// counter file.
-std::string counterPath(const OstraPrinter& printer, const Settings& settings) {
-  if (strchr(settings.PrinterName, '/') != nullptr ||
-      strlen(settings.PrinterName) + sizeof(".pgc") - 1 > NAME_MAX)
-    return std::string();
-  return printer.paths().spoolDir + "/" + settings.PrinterName + ".pgc";
-}
-
-std::string directoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
-}
-
-bool writeAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = write(fd, data, size);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Writes the bytes to a new hidden file beside `path`, so that a reader of the
-// directory never sees a file half-written under a name it looks for. Returns
-// the file's name, or an empty string with errno set.
-std::string writeTemporary(const std::string& path, const uint8_t* data, size_t size) {
-  // Short whatever the final name, which may be near the longest allowed.
-  const std::string hidden = directoryOf(path) + ".rastertoostra-" + std::to_string(getpid());
-  for (int n = 0; n < kMaxTemporaryTries; ++n) {
-    std::string temp = hidden + "-" + std::to_string(n);
-    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0 && errno == EEXIST)
-      continue;
-    if (fd < 0)
-      return std::string();
-    bool written = writeAll(fd, data, size);
-    int error = errno;
-    if (close(fd) != 0 && written) {
-      written = false;
-      error = errno;
-    }
-    if (written)
-      return temp;
-    unlink(temp.c_str());
-    errno = error;
-    return std::string();
-  }
-  errno = EEXIST;
-  return std::string();
-}
-
-std::string pageFilePath(const std::string& dir, unsigned short pageNum, int jobId, int n) {
-  char name[64];
-  snprintf(name, sizeof(name), "/page_%04d_jobid_%06d_%04d.dat", pageNum, jobId, n);
-  return dir + name;
 }
 
 // Set bits of every byte value, so that counting a row needs no library call.
@@ -97,14 +32,6 @@ struct DotCounts {
 };
 const DotCounts kDotsIn;
 
-bool canOpenForReading(const std::string& path) {
-  FILE* f = fopen(path.c_str(), "r");
-  if (f == nullptr)
-    return false;
-  fclose(f);
-  return true;
-}
-
 }  // namespace
 
 OstraPrinter::OstraPrinter(PrinterState& state, const PrinterPaths& paths)
@@ -112,23 +39,20 @@ OstraPrinter::OstraPrinter(PrinterState& state, const PrinterPaths& paths)
 
 OstraPrinter::~OstraPrinter() = default;
 
-std::string OstraPrinter::pageCounterPath() const {
-  return settings_ != nullptr ? counterPath(*this, *settings_) : std::string();
+RecordSink& OstraPrinter::records() {
+  if (records_ != nullptr)
+    return *records_;
+  if (!fileRecords_) {
+    fileRecords_ = std::make_unique<FileRecordSink>(
+        paths_.spoolDir, settings_ != nullptr ? settings_->PrinterName : nullptr);
+  }
+  return *fileRecords_;
 }
 
 void jobSetup(OstraPrinter* printer, Settings* settings) {
   if (printer == nullptr || settings == nullptr)
     return;
-  const std::string path = counterPath(*printer, *settings);
-  FILE* f = path.empty() ? nullptr : kiwaOpenForReading(path.c_str());
-  if (f != nullptr) {
-    // A short file overwrites only the bytes it has, low byte first.
-    uint16_t& pageNum = printer->state().PageNum;
-    uint8_t bytes[2] = {static_cast<uint8_t>(pageNum & 0xFF), static_cast<uint8_t>(pageNum >> 8)};
-    if (fread(bytes, 1, 2, f) > 0)
-      pageNum = static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
-    fclose(f);
-  }
+  printer->records().loadCounter(&printer->state().PageNum);
   printer->SendPrintSetting();
 }
 
@@ -138,20 +62,9 @@ void jobEnd(OstraPrinter* printer, Settings* settings) {
   uint16_t& pageNum = printer->state().PageNum;
   if (pageNum >= kPageNumWrap)
     pageNum = 1;
-  const std::string path = counterPath(*printer, *settings);
-  if (path.empty() || access(directoryOf(path).c_str(), F_OK) != 0)
-    return;
-  uint8_t bytes[2];
-  putLe16(bytes, pageNum);
-  // Moved over the old counter in one step: a job starting meanwhile reads
-  // either the old value or the new one, never a torn file.
-  const std::string temp = writeTemporary(path, bytes, sizeof(bytes));
-  if (temp.empty() || rename(temp.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    if (!temp.empty())
-      unlink(temp.c_str());
-    printer->reportWriteFailure("page counter", path, error);
-  }
+  RecordFailure failure;
+  if (!printer->records().storeCounter(pageNum, &failure))
+    printer->reportWriteFailure(failure.what, failure.path, failure.error);
 }
 
 bool OstraPrinter::SendPrintSetting() {
@@ -297,42 +210,21 @@ void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned ch
                                   long size) {
   if (size == 0)
     return;
-  const std::string& dir = paths_.spoolDir;
-  if (access(dir.c_str(), F_OK) != 0)
-    mkdir(dir.c_str(), 0700);
-
-  int n = 0;
-  std::string path = pageFilePath(dir, pageNum, jobId, n);
-  const std::string temp = writeTemporary(path, data, static_cast<size_t>(size));
-  if (temp.empty()) {
-    reportWriteFailure("page file", path, errno);
-    return;
-  }
-  if (cancelCheck_ && cancelCheck_()) {
-    unlink(temp.c_str());
-    discardPageImages();
-    kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: job canceled, page %d not kept", pageNum);
-    return;
-  }
-  // The first free name; one that appears between the look and the link is
-  // never replaced, the search goes on past it.
-  bool placed = false;
-  int error = EEXIST;
-  for (; n < kMaxNameSuffix && !placed && error == EEXIST; ++n) {
-    path = pageFilePath(dir, pageNum, jobId, n);
-    if (canOpenForReading(path))
-      continue;
-    placed = link(temp.c_str(), path.c_str()) == 0;
-    if (!placed)
-      error = errno;
-  }
-  unlink(temp.c_str());
-  if (!placed) {
-    reportWriteFailure("page file", path, error);
-    return;
+  RecordFailure where;
+  switch (
+      records().keepPage(pageNum, jobId, data, static_cast<size_t>(size), cancelCheck_, &where)) {
+    case RecordSink::Kept::Failed:
+      reportWriteFailure(where.what, where.path, where.error);
+      return;
+    case RecordSink::Kept::Abandoned:
+      discardPageImages();
+      kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: job canceled, page %d not kept", pageNum);
+      return;
+    case RecordSink::Kept::Yes:
+      break;
   }
   kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: dumped the page data to file:%s, size:%d",
-                path.c_str(), static_cast<int>(size));
+                where.path.c_str(), static_cast<int>(size));
 }
 
 void OstraPrinter::reportWriteFailure(const char* what, const std::string& path, int error) {

@@ -5,12 +5,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <cups/raster.h>
 
 #include "common/settings.h"
 #include "printer/kiwa_printer.h"
+#include "printer/record_sink.h"
 
 struct SIZEL {
   long cx;
@@ -45,8 +47,10 @@ class OstraPrinter : public KiwaPrinter {
   unsigned char getPix(unsigned char* bits, int x, int y);
   void setPix(unsigned char* bits, int x, int y, unsigned char value);
 
-  // Path of this printer's page counter file.
-  std::string pageCounterPath() const;
+  // Where page records and the counter go: `sink` (not owned) when set,
+  // else files in the page directory.
+  void setRecordSink(RecordSink* sink) { records_ = sink; }
+  RecordSink& records();
 
   // Asked once a page record is complete, before it is moved into place:
   // true abandons the page (the job is being cancelled).
@@ -65,6 +69,8 @@ class OstraPrinter : public KiwaPrinter {
   Settings* settings_ = nullptr;
   std::function<bool()> cancelCheck_;
   bool outputFailed_ = false;
+  RecordSink* records_ = nullptr;
+  std::unique_ptr<FileRecordSink> fileRecords_;
 };
 
 // The largest page header accepted, checked before anything is allocated.
@@ -93,9 +99,6 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& header,
 // (jobSetup) and flushed. Both front ends start every page here.
 void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
                float maxMediaWidthMm, const char* jobId);
-
-// The page counter goes back to 1 when a job ends at this value or above.
-constexpr uint16_t kPageNumWrap = 9000;
 
 // Per page, before its pixels are read: reload the page counter and send the
 // print-setting block.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "printer/ostra_job.h"
 #include "printer/ostra_printer.h"
 #include "tests/support/filter_runner.h"
 
@@ -204,6 +205,50 @@ TEST_F(Printer, ColumnScanStaggersAndTrimsBarEnds) {
     }
     captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
     EXPECT_EQ(page.b, expected.b) << c.in;
+  }
+}
+
+// A job into memory keeps the bytes the same job writes to the page
+// directory, and leaves the directory and its stored counter alone.
+TEST(Job, MemoryRecordsAreTheFileRecords) {
+  const std::string dir = testWorkDir();
+  Settings settings{};
+  strcpy(settings.PaperType, "LabelGaps");
+  strcpy(settings.PrintSpeed, "4");
+  strcpy(settings.PrinterName, "ostra");
+  settings.pageWidth = settings.pageHeight = 50.0f;
+  settings.MaxMediaWidth = 215.9f;  // millimetres, as built for a job
+  cups_page_header2_t header{};
+  header.cupsWidth = 390;
+  header.cupsHeight = 300;
+  header.cupsBytesPerLine = 390;
+  header.cupsBitsPerPixel = header.cupsBitsPerColor = 8;
+  header.HWResolution[0] = header.HWResolution[1] = 203;
+  for (DitherType halftone : {DITHER_BURKES, DITHER_TATTOO}) {
+    settings.halftoneType = halftone;
+    auto run = [&](RecordSink* records) {
+      PrinterState state;
+      OstraJob job(state, PrinterPaths{dir + "/spool", dir, false}, settings, "7", records);
+      EXPECT_TRUE(job.allocatePage(header) && job.beginPage());
+      for (size_t i = 0; i < job.pageBytes(); ++i)
+        job.rows()[i] = static_cast<unsigned char>(i * 29 % 256);
+      EXPECT_TRUE(job.printPage(1));
+      EXPECT_TRUE(job.finish());
+    };
+    std::filesystem::remove_all(dir + "/spool");
+    captureLog([&] { run(nullptr); });
+    const std::string file = readFile(dir + "/spool/page_0001_jobid_000007_0000.dat");
+    const std::string counter = readFile(dir + "/spool/ostra.pgc");
+    MemoryRecordSink memory;
+    captureLog([&] { run(&memory); });
+    ASSERT_EQ(memory.records().size(), 1u);
+    const MemoryRecordSink::Record& kept = memory.records()[0];
+    EXPECT_EQ(std::string(kept.bytes.begin(), kept.bytes.end()), file) << halftone;
+    EXPECT_EQ(kept.pageNum, 1);
+    EXPECT_EQ(kept.jobId, 7);
+    EXPECT_EQ(memory.counter(), 2);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir + "/spool"), {}), 2);
+    EXPECT_EQ(readFile(dir + "/spool/ostra.pgc"), counter);
   }
 }
 
