@@ -125,7 +125,7 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
     s.pageHeight = static_cast<float>(media->lengthPt * kMmPerPoint);
   }
   copyText(s.Resolution, sizeof(s.Resolution), std::to_string(values.resolution) + "dpi");
-  s.MaxMediaWidth = appMaxMediaWidthMm();
+  s.maxMediaWidthMm = appMaxMediaWidthMm();
   copyText(s.MediaMethod, sizeof(s.MediaMethod), "DirectThermal");
   copyText(s.PaperType, sizeof(s.PaperType),
            values.tracking == "mark"         ? "LabelMark"
@@ -133,17 +133,12 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
                                              : "LabelGaps");
   s.GapsHeight = intValue(values, "gap-height");
   copyText(s.Origin, sizeof(s.Origin), "Top");
-  // The name becomes part of a file name, so nothing unprintable may survive.
-  copyText(s.PrinterName, sizeof(s.PrinterName), printerName);
-  for (char* c = s.PrinterName; *c != '\0'; ++c) {
-    if (!isprint(static_cast<unsigned char>(*c)))
-      *c = '_';
-  }
+  settingsSetPrinterName(&s, printerName.c_str());
   const int halftone = indexOf(kHalftoneKeywords, valueOf(values, "halftone-type"));
   s.halftoneType = halftone >= 0 ? static_cast<DitherType>(halftone) : DITHER_NONE;
   s.MirrorImage = valueOf(values, "mirror-image") == "true" ? 1 : 0;
   s.NegativeImage = valueOf(values, "negative-image") == "true" ? 1 : 0;
-  copyText(s.PrintSpeed, sizeof(s.PrintSpeed), std::to_string(appSpeedInches(values.printSpeed)));
+  s.PrintSpeed = appSpeedInches(values.printSpeed);
   s.Darkness = appDarknessLevel(values.darknessConfigured, values.printDarkness);
   s.Brightness = intValue(values, "brightness");
   const int barcode = indexOf(kBarcodeKeywords, valueOf(values, "barcode-thinning"));

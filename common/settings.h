@@ -3,6 +3,7 @@
 #ifndef OSTRA_COMMON_SETTINGS_H
 #define OSTRA_COMMON_SETTINGS_H
 
+#include <cctype>
 #include <cstdint>
 
 #include "common/kiwa_common.h"
@@ -27,15 +28,24 @@ struct Settings {
   int32_t MirrorImage;
   int32_t NegativeImage;
   DitherType halftoneType;
-  char PrintSpeed[kSettingsChoiceLen];  // decimal text, converted by the printer
-  int32_t Darkness;                     // 0 Light, 1 Middle, 2 Dark
+  int32_t PrintSpeed;  // inches a second, as the PPD's choice reads
+  int32_t Darkness;    // 0 Light, 1 Middle, 2 Dark
   int32_t Brightness;
   int32_t VBarcodeOpt;
   char DataOutputFile[kSettingsDataOutputFileLen];
   char JobId[kSettingsJobIdLen];  // not terminated when the id fills it
   char PrinterName[kSettingsPrinterNameLen];
-  // Millimetres as parsed; the job driver turns it into dots for each page.
-  float MaxMediaWidth;
+  float maxMediaWidthMm;  // the head's width, for the job
+  float MaxMediaWidth;    // the same in dots at the page's resolution, for each page
 };
+
+// The name becomes part of a file name, so nothing unprintable may survive.
+inline void settingsSetPrinterName(Settings* settings, const char* name) {
+  kiwaStrCpy(settings->PrinterName, name, kSettingsPrinterNameLen);
+  for (char* c = settings->PrinterName; *c != '\0'; ++c) {
+    if (!isprint(static_cast<unsigned char>(*c)))
+      *c = '_';
+  }
+}
 
 #endif  // OSTRA_COMMON_SETTINGS_H

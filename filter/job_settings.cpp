@@ -67,25 +67,23 @@ void parseSettings(Settings* settings, const char* options) {
 
   const float maxMediaPoints =
       static_cast<float>(kiwaPpdGetAttrAsFloatDefault(p, "MaxMediaWidth", nullptr, 0.0));
-  settings->MaxMediaWidth = static_cast<float>(maxMediaPoints / kPointsPerInch * kMmPerInch);
+  settings->maxMediaWidthMm = static_cast<float>(maxMediaPoints / kPointsPerInch * kMmPerInch);
 
   copyChoice(settings->MediaMethod, p, "MediaMethod");
   copyChoice(settings->PaperType, p, "PaperType");
   settings->GapsHeight = kiwaPpdGetChoiceAsIntDefault(p, "GapsHeight", 0);
 
-  // The name becomes part of a file name, so nothing unprintable may survive.
-  kiwaStrCpy(settings->PrinterName, getenv("PRINTER"), kSettingsPrinterNameLen);
-  for (char* c = settings->PrinterName; *c != '\0'; ++c) {
-    if (!isprint(static_cast<unsigned char>(*c)))
-      *c = '_';
-  }
+  settingsSetPrinterName(settings, getenv("PRINTER"));
 
   copyChoice(settings->Origin, p, "Origin");
   settings->halftoneType =
       kiwaHalftoneTypeFromStr(kiwaPpdGetChoiceAsStrDefault(p, "HalftoneType", ""));
   settings->MirrorImage = kiwaPpdGetChoiceAsBoolDefault(p, "MirrorImage", 0);
   settings->NegativeImage = kiwaPpdGetChoiceAsBoolDefault(p, "NegativeImage", 0);
-  copyChoice(settings->PrintSpeed, p, "PrintSpeed");
+  // The choice as the log shows it, and as the number it reads as.
+  char speed[kSettingsChoiceLen];
+  copyChoice(speed, p, "PrintSpeed");
+  settings->PrintSpeed = atoi(speed);
 
   const char* darkness = kiwaPpdGetChoiceAsStrDefault(p, "Darkness", "");
   if (strcmp(darkness, "Light") == 0) {
@@ -110,13 +108,13 @@ void parseSettings(Settings* settings, const char* options) {
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->Origin:%s", settings->Origin);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->MirrorImage:%d", settings->MirrorImage);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->NegativeImage:%d", settings->NegativeImage);
-  kiwaLogCommon(KIWA_LOG_DEBUG, "settings->PrintSpeed:%s", settings->PrintSpeed);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "settings->PrintSpeed:%s", speed);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->Darkness:%d", settings->Darkness);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->halftoneType:%d", settings->halftoneType);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->PageSize:%s", settings->PageSize);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->pageWidth:%f", settings->pageWidth);
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->pageHeight:%f", settings->pageHeight);
-  kiwaLogCommon(KIWA_LOG_DEBUG, "settings->MaxMediaWidth:%f", settings->MaxMediaWidth);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "settings->MaxMediaWidth:%f", settings->maxMediaWidthMm);
   // The "%f" for an integer is the line's historical form; the value is
   // converted so the line stays well defined.
   kiwaLogCommon(KIWA_LOG_DEBUG, "settings->VBarcodeOpt:%f",

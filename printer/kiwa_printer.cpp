@@ -10,10 +10,6 @@ namespace {
 
 constexpr int kMinAdjust = -100;
 constexpr int kMaxAdjust = 100;
-constexpr int kMinSpeed = 1;
-constexpr int kMaxSpeed = 15;
-constexpr int kMinDensity = 0;
-constexpr int kMaxDensity = 15;
 
 int clampTo(int value, int low, int high) {
   return value < low ? low : value > high ? high : value;
@@ -64,14 +60,6 @@ void KiwaPrinter::setBrightness(int value) {
 
 void KiwaPrinter::setContrast(int value) {
   contrast_ = clampTo(value, kMinAdjust, kMaxAdjust);
-}
-
-void KiwaPrinter::setPrintSpeed(const char* text) {
-  printSpeed_ = clampTo(text != nullptr ? atoi(text) : 0, kMinSpeed, kMaxSpeed);
-}
-
-void KiwaPrinter::setPrintDensity(int value) {
-  printDensity_ = clampTo(value, kMinDensity, kMaxDensity);
 }
 
 const char* KiwaPrinter::getCopyRight() const {

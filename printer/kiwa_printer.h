@@ -56,10 +56,6 @@ class KiwaPrinter {
   int getBrightness() const { return brightness_; }
   void setContrast(int value);
   int getContrast() const { return contrast_; }
-  void setPrintSpeed(const char* text);
-  int getPrintSpeed() const { return printSpeed_; }
-  void setPrintDensity(int value);
-  int getPrintDensity() const { return printDensity_; }
   void setHalftoneType(DitherType type) { halftoneType_ = type; }
   DitherType getHalftoneType() const { return halftoneType_; }
   void setNegativePrint(bool on) { negativePrint_ = on; }
@@ -72,8 +68,6 @@ class KiwaPrinter {
   int getAntiWrinkle() const { return antiWrinkle_; }
   void setUseRVDithering(bool on) { useRVDithering_ = on; }
   bool getUseRVDithering() const { return useRVDithering_; }
-  void setMaxMediaWidth(int value) { maxMediaWidth_ = value; }
-  int getMaxMediaWidth() const { return maxMediaWidth_; }
   void setVBarcodeOpt(int mode) { vBarcodeOpt_ = mode; }
   int getVBarcodeOpt() const { return vBarcodeOpt_; }
   void setRemoveBlankEdges(unsigned char bits) { removeBlankEdges_ = bits; }
@@ -82,8 +76,6 @@ class KiwaPrinter {
   unsigned long getSkipRightPixels() const { return skipRightPixels_; }
   void setUserData(UserData* data) { userData_ = data; }
   UserData* getUserData() const { return userData_; }
-  void SetPrintWidth(long dots) { printWidth_ = dots; }
-  long GetPrintWidth() const { return printWidth_; }
   void setPageHeader(cups_page_header2_t* header) { pageHdr_ = header; }
   cups_page_header2_t* getPageHeader() const { return pageHdr_; }
   std::vector<FILE*>& getOutputStreams() { return outputStreams_; }
@@ -142,13 +134,9 @@ class KiwaPrinter {
   char imageFileName_[1024];
   std::vector<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_ = nullptr;
-  int32_t maxMediaWidth_ = 0;
-  int64_t printWidth_ = 0;
   int32_t brightness_ = 0;
   int32_t vBarcodeOpt_ = 0;
   int32_t contrast_ = 0;
-  int32_t printSpeed_ = 7;
-  int32_t printDensity_ = 8;
   DitherType halftoneType_ = DITHER_NONE;
   bool negativePrint_ = false;
   bool mirrorPrint_ = false;

@@ -24,11 +24,11 @@ OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& h) {
   return OstraHeaderField{nullptr, 0, 0, 0};
 }
 
-void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float maxMediaWidthMm,
-                        const char* jobId) {
+void updatePageSettings(Settings* settings, const cups_page_header2_t& h, const char* jobId) {
   settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
   settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
-  settings->MaxMediaWidth = static_cast<float>(maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
+  settings->MaxMediaWidth =
+      static_cast<float>(settings->maxMediaWidthMm / kMmPerInch * h.HWResolution[0]);
   // Media claimed wider than any page would centre each row in a margin of
   // gigabytes.
   if (settings->MaxMediaWidth > static_cast<float>(kOstraMaxPageWidthDots))
@@ -41,20 +41,17 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& h, float 
 }
 
 void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
-               float maxMediaWidthMm, const char* jobId) {
-  updatePageSettings(settings, *header, maxMediaWidthMm, jobId);
+               const char* jobId) {
+  updatePageSettings(settings, *header, jobId);
   kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings->pageWidth,
                 settings->pageHeight);
 
   printer->setPageHeader(header);
   printer->setBrightness(settings->Brightness);
   printer->setVBarcodeOpt(settings->VBarcodeOpt);
-  printer->setPrintSpeed(settings->PrintSpeed);
-  printer->setPrintDensity(settings->Darkness);
   printer->setHalftoneType(settings->halftoneType);
   printer->setMirrorPrint(settings->MirrorImage != 0);
   printer->setNegativePrint(settings->NegativeImage != 0);
-  printer->SetPrintWidth(static_cast<long>(kiwaTruncate(settings->MaxMediaWidth)));
 
   // Every page reloads the counter and resends the settings, which reach the
   // printer before the page's record appears.
@@ -64,10 +61,7 @@ void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* h
 
 OstraJob::OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
                    std::string jobId, RecordSink* records)
-    : settings_(settings),
-      maxMediaWidthMm_(settings.MaxMediaWidth),
-      jobId_(std::move(jobId)),
-      printer_(state, paths) {
+    : settings_(settings), jobId_(std::move(jobId)), printer_(state, paths) {
   printer_.getOutputStreams().clear();
   printer_.setSettings(&settings_);
   printer_.setRecordSink(records);
@@ -105,7 +99,7 @@ bool OstraJob::allocatePage(const cups_page_header2_t& header) {
 }
 
 bool OstraJob::beginPage() {
-  ::beginPage(&printer_, &settings_, &header_, maxMediaWidthMm_, jobId_.c_str());
+  ::beginPage(&printer_, &settings_, &header_, jobId_.c_str());
   return !printer_.deviceFailed();
 }
 

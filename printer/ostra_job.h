@@ -19,8 +19,7 @@
 // kPageNumWrap), and a cancel takes back what a page cut short moved.
 class OstraJob {
  public:
-  // `settings` as built for the job; its MaxMediaWidth is the head's width in
-  // millimetres. `jobId` names the page records, which go with the counter
+  // `settings` as built for the job. `jobId` names the page records, which go with the counter
   // to `records` (not owned), or when null to files in the page directory.
   OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
            std::string jobId, RecordSink* records = nullptr);
@@ -59,7 +58,6 @@ class OstraJob {
 
  private:
   Settings settings_;
-  const float maxMediaWidthMm_;
   const std::string jobId_;
   OstraPrinter printer_;
   cups_page_header2_t header_{};

@@ -73,8 +73,7 @@ bool OstraPrinter::SendPrintSetting() {
   block[3] = 0x00;
   block[4] = 0x00;
   // The printer counts speeds from 2: "2" is sent as 0, "5" as 3.
-  const uint8_t speed =
-      static_cast<uint8_t>(settings_ != nullptr ? atoi(settings_->PrintSpeed) : 0);
+  const uint8_t speed = static_cast<uint8_t>(settings_ != nullptr ? settings_->PrintSpeed : 0);
   block[5] = speed >= 2 ? static_cast<uint8_t>(speed - 2) : speed;
   block[6] = static_cast<uint8_t>(settings_ != nullptr ? settings_->Darkness : 0);
   printBytes(block, sizeof(state_.bPrnSet));

@@ -90,15 +90,14 @@ struct OstraHeaderField {
 OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& header);
 
 // The page's own settings from its raster header: the real page size in
-// millimetres, the media width (millimetres) in dots at this page's
-// resolution, and the job id.
-void updatePageSettings(Settings* settings, const cups_page_header2_t& header,
-                        float maxMediaWidthMm, const char* jobId);
+// millimetres, the media width in dots at this page's resolution, and the
+// job id.
+void updatePageSettings(Settings* settings, const cups_page_header2_t& header, const char* jobId);
 // Everything a page needs before its pixels: its settings (updatePageSettings)
 // handed to the printer, the counter reloaded and the setting block sent
 // (jobSetup) and flushed. Both front ends start every page here.
 void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
-               float maxMediaWidthMm, const char* jobId);
+               const char* jobId);
 
 // Per page, before its pixels are read: reload the page counter and send the
 // print-setting block.

@@ -20,7 +20,7 @@ namespace {
 std::string summary(const AppJobValues& values) {
   const Settings s = appJobSettings(values, "Shop\tLabels");
   char line[512];
-  snprintf(line, sizeof line, "%s %d %d %d %s %d %d | %s %d %s", s.PaperType, s.GapsHeight,
+  snprintf(line, sizeof line, "%s %d %d %d %s %d %d | %d %d %s", s.PaperType, s.GapsHeight,
            s.Brightness, s.VBarcodeOpt, kiwaHalftoneTypeToStr(s.halftoneType), s.MirrorImage,
            s.NegativeImage, s.PrintSpeed, s.Darkness, s.PrinterName);
   return line;

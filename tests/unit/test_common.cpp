@@ -49,7 +49,7 @@ TEST(KiwaPpd, ChoicesAndAttributesFallBackToDefaults) {
     Settings s;
     captureLog([&] { parseSettings(&s, ""); });
     EXPECT_EQ(s.PrinterName, name);
-    EXPECT_EQ(std::vector<float>({s.pageWidth, s.pageHeight, s.MaxMediaWidth}),
+    EXPECT_EQ(std::vector<float>({s.pageWidth, s.pageHeight, s.maxMediaWidthMm}),
               std::vector<float>({50.8032f, 25.4016f, 203.2f}));
   }
   unsetenv("PPD");

@@ -214,10 +214,10 @@ TEST(Job, MemoryRecordsAreTheFileRecords) {
   const std::string dir = testWorkDir();
   Settings settings{};
   strcpy(settings.PaperType, "LabelGaps");
-  strcpy(settings.PrintSpeed, "4");
+  settings.PrintSpeed = 4;
   strcpy(settings.PrinterName, "ostra");
   settings.pageWidth = settings.pageHeight = 50.0f;
-  settings.MaxMediaWidth = 215.9f;  // millimetres, as built for a job
+  settings.maxMediaWidthMm = 215.9f;
   cups_page_header2_t header{};
   header.cupsWidth = 390;
   header.cupsHeight = 300;
