@@ -1,13 +1,17 @@
-// The application's side of the core: IPP values to settings, its media against
-// the shipped PPD, and the same ink rows giving the filter's bytes.
+// The application's side of the core: IPP values to settings, its tables
+// against the shipped PPD, and the same ink rows giving the filter's bytes.
 #include <cups/ppd.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "app/ostra_app.h"
+#include "filter/job_settings.h"
 #include "tests/support/filter_runner.h"
 #include "tests/support/raster_writer.h"
 
@@ -86,6 +90,56 @@ TEST(AppOptions, MediaAreThePpdSizes) {
     EXPECT_NEAR(pwg->length, m.lengthPt * 2540 / 72, 100) << m.pwg;
   }
   ppdClose(ppd);
+}
+
+// Each option the application offers is the PPD's: its values, in the PPD's
+// order (booleans aside), make the settings the filter makes of each choice, and its default
+// is the PPD's; so are the head's width and the range of speeds.
+TEST(AppOptions, OptionsAreThePpds) {
+  setenv("PPD", OSTRA_SOURCE_DIR "/ppd/ostra.ppd", 1);
+  ppd_file_t* ppd = ppdOpenFile(OSTRA_SOURCE_DIR "/ppd/ostra.ppd");
+  ASSERT_NE(ppd, nullptr);
+  auto fields = [](const Settings& s) {
+    char line[128];
+    snprintf(line, sizeof line, "%d %d %d %d %d %d", s.halftoneType, s.MirrorImage, s.NegativeImage,
+             s.Brightness, s.GapsHeight, s.VBarcodeOpt);
+    return std::string(line);
+  };
+  auto filter = [&](const std::string& options) {
+    Settings s;
+    captureLog([&] { parseSettings(&s, options.c_str()); });
+    return s;
+  };
+  const char* const names[] = {"HalftoneType", "MirrorImage", "NegativeImage",
+                               "Brightness",   "GapsHeight",  "VBarcodeDensity"};
+  const std::vector<AppVendorOption>& options = appVendorOptions();
+  ASSERT_EQ(options.size(), sizeof names / sizeof names[0]);
+  for (size_t o = 0; o < options.size(); ++o) {
+    const ppd_option_t* option = ppdFindOption(ppd, names[o]);
+    ASSERT_NE(option, nullptr) << names[o];
+    ASSERT_EQ(static_cast<size_t>(option->num_choices), options[o].values.size()) << names[o];
+    for (int c = 0; c < option->num_choices; ++c) {
+      const char* choice = option->choices[c].choice;
+      // PPD booleans come True first.
+      const std::string value = !options[o].isBoolean         ? options[o].values[c]
+                                : strcmp(choice, "True") == 0 ? "true"
+                                                              : "false";
+      AppJobValues values;
+      values.vendor[options[o].ipp] = value;
+      EXPECT_EQ(fields(appJobSettings(values, "")),
+                fields(filter(std::string(names[o]) + "=" + choice)))
+          << names[o] << " " << choice;
+      EXPECT_EQ(strcmp(choice, option->defchoice) == 0, value == options[o].defaultValue)
+          << names[o] << " " << choice;
+    }
+  }
+  EXPECT_EQ(filter("").maxMediaWidthMm, appMaxMediaWidthMm());
+  const ppd_option_t* speed = ppdFindOption(ppd, "PrintSpeed");
+  ASSERT_NE(speed, nullptr);
+  EXPECT_EQ(atoi(speed->choices[0].choice), appSpeedInches(0));
+  EXPECT_EQ(atoi(speed->choices[speed->num_choices - 1].choice), appSpeedInches(INT32_MAX));
+  ppdClose(ppd);
+  unsetenv("PPD");
 }
 
 // The filter on a raster of the page, and the application fed its rows (as
