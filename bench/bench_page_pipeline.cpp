@@ -111,7 +111,7 @@ void stencilStep(benchmark::State& state, const Page& page, int step, KiwaPixelP
   kiwaSetPixelPath(path);
   RVImage gray(page.width, page.height, RV_IMG_GRAY);
   for (int y = 0; y < page.height; ++y)
-    memcpy(gray.data + static_cast<size_t>(y) * page.width,
+    memcpy(gray.data() + static_cast<size_t>(y) * page.width,
            page.bytes.data() + static_cast<size_t>(y) * page.stride, page.width);
   const int t = thresh_global_moments(gray);
   RVImage toned = gray;
@@ -121,7 +121,7 @@ void stencilStep(benchmark::State& state, const Page& page, int step, KiwaPixelP
   for (auto _ : state) {
     switch (step) {
       case 0:
-        benchmark::DoNotOptimize(cvtGray(gray).data);
+        benchmark::DoNotOptimize(cvtGray(gray).data());
         break;
       case 1:
         benchmark::DoNotOptimize(thresh_global_moments(gray));
@@ -134,21 +134,21 @@ void stencilStep(benchmark::State& state, const Page& page, int step, KiwaPixelP
         break;
       }
       case 3:
-        benchmark::DoNotOptimize(enh_gaussian_filter_fast(toned, 11, 3.0).data);
+        benchmark::DoNotOptimize(enh_gaussian_filter_fast(toned, 11, 3.0).data());
         break;
       case 4: {
         // The chain hands its pages over, and the fast path works in them.
         state.PauseTiming();
         RVImage copy = toned;
         state.ResumeTiming();
-        benchmark::DoNotOptimize(enh_unsharp_mask(std::move(copy), 300.0f, 11).data);
+        benchmark::DoNotOptimize(enh_unsharp_mask(std::move(copy), 300.0f, 11).data());
         break;
       }
       default: {
         state.PauseTiming();
         RVImage copy = sharp;
         state.ResumeTiming();
-        benchmark::DoNotOptimize(edf_cus(std::move(copy), t).data);
+        benchmark::DoNotOptimize(edf_cus(std::move(copy), t).data());
         break;
       }
     }

@@ -173,7 +173,7 @@ void gaussianRows(const RVImage& image, const double* kernel, int size, Emit emi
   int made = 0;  // horizontal rows made so far
   auto rowAt = [&](int r) {
     for (; made <= r; ++made) {
-      const unsigned char* src = image.data + static_cast<int64_t>(made) * w;
+      const unsigned char* src = image.data() + static_cast<int64_t>(made) * w;
       std::fill(padded.begin(), padded.begin() + half, src[0]);
       std::copy(src, src + w, padded.begin() + half);
       std::fill(padded.begin() + half + w, padded.end(), src[w - 1]);
@@ -194,7 +194,7 @@ void gaussianRows(const RVImage& image, const double* kernel, int size, Emit emi
 }
 
 std::unique_ptr<double[]> gaussianKernel(int size, double sigma) {
-  std::unique_ptr<double[]> kernel(new double[static_cast<size_t>(size)]());
+  auto kernel = std::make_unique<double[]>(static_cast<size_t>(size));
   generateGaussianKernel1D(size, sigma, kernel.get());
   return kernel;
 }
@@ -231,16 +231,16 @@ class SharpenTable {
 RVImage cvtGray(const RVImage& image) {
   RVImage gray(image.width, image.height, RV_IMG_GRAY);
   const int64_t n = pixelCount(image);
-  const unsigned char* src = image.data;
+  const unsigned char* src = image.data();
   const bool blueFirst = image.color == RV_IMG_BGR || image.color == RV_IMG_BGRA;
   if (image.color == RV_IMG_GRAY && image.channels == 1 && kiwaFastPixels()) {
     if (n > 0)
-      memcpy(gray.data, src, static_cast<size_t>(n));
+      memcpy(gray.data(), src, static_cast<size_t>(n));
     return gray;
   }
   for (int64_t k = 0, p = 0; k < n; ++k, p += image.channels) {
     if (image.color == RV_IMG_GRAY) {
-      gray.data[k] = src[p];
+      gray.data()[k] = src[p];
       continue;
     }
     const float c0 = src[p];
@@ -248,7 +248,7 @@ RVImage cvtGray(const RVImage& image) {
     const float c2 = src[p + 2];
     const float v = blueFirst ? kWeightR * c2 + (kWeightB * c0 + kWeightG * c1)
                               : kWeightB * c2 + (kWeightR * c0 + kWeightG * c1);
-    gray.data[k] = static_cast<unsigned char>(my_round(v) & 0xFF);
+    gray.data()[k] = static_cast<unsigned char>(my_round(v) & 0xFF);
   }
   return gray;
 }
@@ -257,7 +257,7 @@ int thresh_global_moments(const RVImage& gray) {
   const int64_t n = pixelCount(gray);
   int32_t hist[256] = {0};
   for (int64_t i = 0; i < n; ++i)
-    ++hist[gray.data[i]];
+    ++hist[gray.data()[i]];
   float p[256];
   for (int i = 0; i < 256; ++i)
     p[i] = static_cast<float>(hist[i]) / static_cast<float>(n);
@@ -306,7 +306,7 @@ void enh_piecewise_gamma(RVImage& gray, int knee, float gamma1, float gamma2) {
   }
   const int64_t n = pixelCount(gray);
   for (int64_t i = 0; i < n; ++i)
-    gray.data[i] = lut[gray.data[i]];
+    gray.data()[i] = lut[gray.data()[i]];
 }
 
 void generateGaussianKernel1D(int size, double sigma, double* kernel) {
@@ -342,9 +342,9 @@ RVImage convolve1D(const RVImage& image, const double* kernel, int size, bool ho
         // Edge pixels are replicated.
         const int64_t at = horizontal ? static_cast<int64_t>(y) * w + myClamp(x + k, 0, w - 1)
                                       : static_cast<int64_t>(myClamp(y + k, 0, h - 1)) * w + x;
-        sum += static_cast<double>(image.data[at]) * kernel[k + half];
+        sum += static_cast<double>(image.data()[at]) * kernel[k + half];
       }
-      out.data[static_cast<int64_t>(y) * w + x] =
+      out.data()[static_cast<int64_t>(y) * w + x] =
           static_cast<unsigned char>(my_round(static_cast<float>(sum)) & 0xFF);
     }
   }
@@ -358,7 +358,7 @@ RVImage enh_gaussian_filter_fast(const RVImage& image, int size, double sigma) {
   if (kiwaFastPixels() && rowsFit(image)) {
     RVImage out(image.width, image.height, image.color);
     gaussianRows(image, kernel.get(), size, [&](int y, const unsigned char* row) {
-      memcpy(out.data + static_cast<int64_t>(y) * image.width, row,
+      memcpy(out.data() + static_cast<int64_t>(y) * image.width, row,
              static_cast<size_t>(image.width));
     });
     return out;
@@ -393,7 +393,7 @@ RVImage enh_gaussian_filter(const RVImage& image, int size, double sigmaX, doubl
     return RVImage(image);
   RVImage out(image.width, image.height, RV_IMG_GRAY);
   const int half = size / 2;
-  std::unique_ptr<double[]> kernel(new double[static_cast<size_t>(size) * size]());
+  auto kernel = std::make_unique<double[]>(static_cast<size_t>(size) * size);
   generateGaussianKernel(size, sigmaX, sigmaY, kernel.get());
   const int w = image.width;
   const int h = image.height;
@@ -404,10 +404,10 @@ RVImage enh_gaussian_filter(const RVImage& image, int size, double sigmaX, doubl
         for (int dx = -half; dx <= half && dx + half < size; ++dx) {
           const int64_t at =
               static_cast<int64_t>(myClamp(y + dy, 0, h - 1)) * w + myClamp(x + dx, 0, w - 1);
-          sum += static_cast<double>(image.data[at]) * kernel[(dy + half) * size + (dx + half)];
+          sum += static_cast<double>(image.data()[at]) * kernel[(dy + half) * size + (dx + half)];
         }
       }
-      out.data[static_cast<int64_t>(y) * w + x] =
+      out.data()[static_cast<int64_t>(y) * w + x] =
           static_cast<unsigned char>(my_round(static_cast<float>(sum)) & 0xFF);
     }
   }
@@ -418,9 +418,9 @@ RVImage add_Weighted(const RVImage& image, const RVImage& blurred, float amount)
   RVImage out(image);
   const int64_t n = pixelCount(image);
   for (int64_t i = 0; i < n; ++i) {
-    const int v = my_round(static_cast<float>(image.data[i]) * (1.0f + amount) +
-                           static_cast<float>(blurred.data[i]) * -amount + 0.0f);
-    out.data[i] = static_cast<unsigned char>(myClamp(v, 0, 255));
+    const int v = my_round(static_cast<float>(image.data()[i]) * (1.0f + amount) +
+                           static_cast<float>(blurred.data()[i]) * -amount + 0.0f);
+    out.data()[i] = static_cast<unsigned char>(myClamp(v, 0, 255));
   }
   return out;
 }
@@ -432,7 +432,7 @@ RVImage enh_unsharp_mask(const RVImage& image, float amountPercent, int size) {
     const SharpenTable sharpen(k);
     const int64_t n = pixelCount(image);
     for (int64_t i = 0; i < n; ++i)
-      blurred.data[i] = sharpen(image.data[i], blurred.data[i]);
+      blurred.data()[i] = sharpen(image.data()[i], blurred.data()[i]);
     return blurred;
   }
   return add_Weighted(image, blurred, k);
@@ -446,7 +446,7 @@ RVImage enh_unsharp_mask(RVImage&& image, float amountPercent, int size) {
   const std::unique_ptr<double[]> kernel = gaussianKernel(size, kUnsharpSigma);
   const int w = image.width;
   gaussianRows(image, kernel.get(), size, [&](int y, const unsigned char* blurred) {
-    unsigned char* row = image.data + static_cast<int64_t>(y) * w;
+    unsigned char* row = image.data() + static_cast<int64_t>(y) * w;
     for (int x = 0; x < w; ++x)
       row[x] = sharpen(row[x], blurred[x]);
   });

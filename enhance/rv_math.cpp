@@ -40,7 +40,7 @@ RVImage::RVImage(int w, int h, RV_IMG_COLOR c)
 
 RVImage::RVImage(const RVImage& other)
     : width(other.width), height(other.height), channels(other.channels), color(other.color) {
-  allocate(other.data);
+  allocate(other.data());
 }
 
 RVImage::RVImage(RVImage&& other) noexcept
@@ -48,17 +48,15 @@ RVImage::RVImage(RVImage&& other) noexcept
       height(other.height),
       channels(other.channels),
       color(other.color),
-      data(other.data) {
+      pixels_(std::move(other.pixels_)) {
   other.width = 0;
   other.height = 0;
-  other.data = nullptr;
 }
 
 RVImage& RVImage::operator=(const RVImage& other) {
   if (&other == this) {
     // Assigning an image to itself has always left a fresh buffer behind.
-    delete[] data;
-    data = nullptr;
+    pixels_.reset();
     allocate(nullptr);
     return *this;
   }
@@ -66,18 +64,9 @@ RVImage& RVImage::operator=(const RVImage& other) {
   height = other.height;
   channels = other.channels;
   color = other.color;
-  delete[] data;
-  data = nullptr;
-  allocate(other.data);
+  pixels_.reset();
+  allocate(other.data());
   return *this;
-}
-
-RVImage::~RVImage() {
-  width = 0;
-  height = 0;
-  channels = 0;
-  delete[] data;
-  data = nullptr;
 }
 
 int64_t RVImage::byteCount() const {
@@ -89,9 +78,9 @@ void RVImage::allocate(const unsigned char* src) {
   const int64_t n = byteCount();
   if (n == 0)
     return;
-  data = new unsigned char[static_cast<size_t>(n)]();
+  pixels_ = std::make_unique<unsigned char[]>(static_cast<size_t>(n));
   if (src != nullptr)
-    memcpy(data, src, static_cast<size_t>(n));
+    memcpy(pixels_.get(), src, static_cast<size_t>(n));
 }
 
 float myabs(float v) {

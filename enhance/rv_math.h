@@ -4,6 +4,7 @@
 #define OSTRA_ENHANCE_RV_MATH_H
 
 #include <cstdint>
+#include <memory>
 
 enum RV_IMG_COLOR : int32_t {
   RV_IMG_GRAY = 0,
@@ -14,7 +15,7 @@ enum RV_IMG_COLOR : int32_t {
 };
 
 // One tightly packed buffer: pixel (x, y), channel c at (y * width + x) * channels + c.
-// The fields are read and written directly by the chain.
+// The shape fields are read directly by the chain.
 class RVImage {
  public:
   // Copies width * height * channels bytes from `src`; the caller keeps `src`.
@@ -25,18 +26,20 @@ class RVImage {
   // Takes the buffer; `other` is left empty.
   RVImage(RVImage&& other) noexcept;
   RVImage& operator=(const RVImage& other);
-  ~RVImage();
 
   // Bytes owned: width * height * channels, 0 for an empty image.
   int64_t byteCount() const;
+  unsigned char* data() { return pixels_.get(); }
+  const unsigned char* data() const { return pixels_.get(); }
 
   int32_t width = 0;
   int32_t height = 0;
   int32_t channels = 4;
   RV_IMG_COLOR color = RV_IMG_BGR;
-  unsigned char* data = nullptr;
 
  private:
+  std::unique_ptr<unsigned char[]> pixels_;
+
   void allocate(const unsigned char* src);
 };
 

@@ -78,22 +78,22 @@ inline void diffusePixel(const RVImage& image, float limit, RVImage& out, float*
   const int w = image.width;
   const int h = image.height;
   const int64_t i = static_cast<int64_t>(y) * w + x;
-  const float v = here[x] + static_cast<float>(image.data[i]);
+  const float v = here[x] + static_cast<float>(image.data()[i]);
   float e;
   if (v > limit) {
-    out.data[i] = 255;
+    out.data()[i] = 255;
     if (y >= 1 && x >= 1 && y < h - 1 && x < w - 1) {
       float s = 0.0f;
-      if (out.data[i - 1] == 0)
+      if (out.data()[i - 1] == 0)
         s += kNeighbourBonus;
-      if (out.data[i - w] == 0)
+      if (out.data()[i - w] == 0)
         s += kNeighbourBonus;
       e = (1.0f - s) * -255.0f + v;
     } else {
       e = v - 255.0f;
     }
   } else {
-    out.data[i] = 0;
+    out.data()[i] = 0;
     e = v;
   }
   for (const Tap& tap : kStencilTaps) {
@@ -161,7 +161,7 @@ void diffuseInterior(const unsigned char* src, unsigned char* dst, const unsigne
 void diffuseRows(const RVImage& image, float limit, RVImage& out) {
   const int w = image.width;
   const int h = image.height;
-  std::unique_ptr<float[]> rows(new float[2 * static_cast<size_t>(w)]());
+  auto rows = std::make_unique<float[]>(2 * static_cast<size_t>(w));
   float* here = rows.get();
   float* below = here + w;
   for (int y = 0; y < h; ++y) {
@@ -173,10 +173,11 @@ void diffuseRows(const RVImage& image, float limit, RVImage& out) {
     if (w > 4) {
       const int64_t row = static_cast<int64_t>(y) * w;
       if (y >= 1 && y < h - 1)
-        diffuseInterior<true>(image.data + row, out.data + row, out.data + row - w, limit, here,
-                              below, w);
+        diffuseInterior<true>(image.data() + row, out.data() + row, out.data() + row - w, limit,
+                              here, below, w);
       else
-        diffuseInterior<false>(image.data + row, out.data + row, nullptr, limit, here, below, w);
+        diffuseInterior<false>(image.data() + row, out.data() + row, nullptr, limit, here, below,
+                               w);
       x = w - 2;
     }
 #endif
@@ -202,28 +203,28 @@ RVImage edf_cus(const RVImage& image, int threshold) {
     diffuseRows(image, static_cast<float>(threshold), out);
     return out;
   }
-  std::unique_ptr<float[]> err(new float[static_cast<size_t>(n)]());
+  auto err = std::make_unique<float[]>(static_cast<size_t>(n));
   const float limit = static_cast<float>(threshold);
 
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
       const int64_t i = static_cast<int64_t>(y) * w + x;
-      const float v = err[i] + static_cast<float>(image.data[i]);
+      const float v = err[i] + static_cast<float>(image.data()[i]);
       float e;
       if (v > limit) {
-        out.data[i] = 255;
+        out.data()[i] = 255;
         if (y >= 1 && x >= 1 && y < h - 1 && x < w - 1) {
           float s = 0.0f;
-          if (out.data[i - 1] == 0)
+          if (out.data()[i - 1] == 0)
             s += kNeighbourBonus;
-          if (out.data[i - w] == 0)
+          if (out.data()[i - w] == 0)
             s += kNeighbourBonus;
           e = (1.0f - s) * -255.0f + v;
         } else {
           e = v - 255.0f;
         }
       } else {
-        out.data[i] = 0;
+        out.data()[i] = 0;
         e = v;
       }
       for (const Tap& tap : kStencilTaps) {

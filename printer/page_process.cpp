@@ -25,7 +25,7 @@ RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
   for (int64_t y = 0; y < height && y * stride < n; ++y) {
     const int64_t start = y * stride;
     const int64_t count = width < n - start ? width : n - start;
-    memcpy(source.data + start, image.GetBits(static_cast<uint32_t>(y)),
+    memcpy(source.data() + start, image.GetBits(static_cast<uint32_t>(y)),
            static_cast<size_t>(count));
   }
   return source;
@@ -145,8 +145,8 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
                   resultStride, width);
     // Rows of the result are `width` bytes long, whatever resultStride says.
-    if (!result || result->data == nullptr ||
-        !rvImage_.CreateFromArray(result->data, static_cast<uint32_t>(width),
+    if (!result || result->data() == nullptr ||
+        !rvImage_.CreateFromArray(result->data(), static_cast<uint32_t>(width),
                                   static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
                                   false)) {
       kiwaLogCommon(KIWA_LOG_ERROR,

@@ -17,7 +17,7 @@ using Bytes = std::vector<uint8_t>;
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 Bytes bytesOf(const RVImage& img) {
-  return Bytes(img.data, img.data + img.byteCount());
+  return Bytes(img.data(), img.data() + img.byteCount());
 }
 
 RVImage gray(int w, int h, const Bytes& px) {
@@ -114,7 +114,7 @@ TEST(RvStages, GrayMomentsAndToneCurve) {
   for (const auto& c : tones) {
     RVImage img = gray(1, 1, {static_cast<uint8_t>(c.level)});
     enh_piecewise_gamma(img, c.knee, c.g1, c.g2);
-    EXPECT_EQ(img.data[0], c.expected) << "knee " << c.knee << " level " << c.level;
+    EXPECT_EQ(img.data()[0], c.expected) << "knee " << c.knee << " level " << c.level;
   }
 }
 
@@ -132,7 +132,7 @@ TEST(RvStages, BlursOnHandKernels) {
   const uint8_t weighted[][4] = {{200, 100, 10, 255}, {50, 150, 10, 0},   {100, 50, 10, 150},
                                  {101, 100, 5, 102},  {100, 101, 5, 100}, {10, 0, 30, 40}};
   for (const auto& c : weighted)
-    EXPECT_EQ(add_Weighted(gray(1, 1, {c[0]}), gray(1, 1, {c[1]}), c[2] / 10.0f).data[0], c[3])
+    EXPECT_EQ(add_Weighted(gray(1, 1, {c[0]}), gray(1, 1, {c[1]}), c[2] / 10.0f).data()[0], c[3])
         << int(c[0]) << " " << int(c[1]);
   RVImage empty(0, 3, RV_IMG_BGR);  // an empty page comes back as a copy, colour type and all
   EXPECT_EQ(rvTattooDithering(empty).color + rvTattooDitheringQ7(empty).height, RV_IMG_BGR + 3);
