@@ -13,7 +13,7 @@ constexpr uint32_t kHeaderSize = sizeof(CxBitmapInfoHeader);
 
 }  // namespace
 
-CxImage::CxImage() : dib_(nullptr), pixelBytes_(0) {
+CxImage::CxImage() : pixelBytes_(0) {
   memset(&head_, 0, sizeof(head_));
   memset(&info_, 0, sizeof(info_));
 }
@@ -30,9 +30,8 @@ void CxImage::setError(const char* text) {
 void* CxImage::Create(uint32_t dwWidth, uint32_t dwHeight, uint32_t wBpp, uint32_t imageType) {
   // A block of the size the new image needs is cleared and kept: each page of
   // a job would otherwise map and fault in a fresh one.
-  std::unique_ptr<uint8_t, KiwaFree> former(dib_);
-  const uint64_t formerBytes = dib_ != nullptr ? blockBytes_ : 0;
-  dib_ = nullptr;
+  std::unique_ptr<uint8_t, KiwaFree> former(std::move(dib_));
+  const uint64_t formerBytes = former ? blockBytes_ : 0;
   pixelBytes_ = 0;
   blockBytes_ = 0;
 
@@ -95,10 +94,10 @@ void* CxImage::Create(uint32_t dwWidth, uint32_t dwHeight, uint32_t wBpp, uint32
   const uint64_t blockBytes = kHeaderSize + static_cast<uint64_t>(GetPaletteSize()) + pixelBytes_;
   if (former && formerBytes == blockBytes) {
     memset(former.get(), 0, blockBytes);
-    dib_ = former.release();
+    dib_ = std::move(former);
   } else {
     former.reset();
-    dib_ = static_cast<uint8_t*>(blockBytes <= SIZE_MAX ? calloc(1, blockBytes) : nullptr);
+    dib_.reset(static_cast<uint8_t*>(blockBytes <= SIZE_MAX ? calloc(1, blockBytes) : nullptr));
   }
   if (dib_ == nullptr) {
     pixelBytes_ = 0;
@@ -107,9 +106,9 @@ void* CxImage::Create(uint32_t dwWidth, uint32_t dwHeight, uint32_t wBpp, uint32
   }
 
   blockBytes_ = blockBytes;
-  memcpy(dib_, &head_, kHeaderSize);
-  info_.bits = dib_ + kHeaderSize + GetPaletteSize();
-  return dib_;
+  memcpy(dib_.get(), &head_, kHeaderSize);
+  info_.bits = dib_.get() + kHeaderSize + GetPaletteSize();
+  return dib_.get();
 }
 
 bool CxImage::CreateFromArray(const uint8_t* pArray, uint32_t dwWidth, uint32_t dwHeight,
@@ -141,8 +140,7 @@ bool CxImage::CreateFromArray(const uint8_t* pArray, uint32_t dwWidth, uint32_t 
 
 bool CxImage::Destroy() {
   if (dib_ != nullptr) {
-    free(dib_);
-    dib_ = nullptr;
+    dib_.reset();
     pixelBytes_ = 0;
     blockBytes_ = 0;
   }
@@ -155,12 +153,11 @@ bool CxImage::Transfer(CxImage& from, bool /*transferFrames*/) {
   Destroy();
   head_ = from.head_;
   info_ = from.info_;
-  dib_ = from.dib_;
+  dib_ = std::move(from.dib_);
   pixelBytes_ = from.pixelBytes_;
   blockBytes_ = from.blockBytes_;
   memset(&from.head_, 0, sizeof(from.head_));
   memset(&from.info_, 0, sizeof(from.info_));
-  from.dib_ = nullptr;
   from.pixelBytes_ = 0;
   from.blockBytes_ = 0;
   return true;
@@ -177,15 +174,15 @@ uint8_t* CxImage::GetBits(uint32_t row) const {
   if (static_cast<int64_t>(row) >= head_.biHeight)
     return nullptr;
   uint32_t blockHeaderSize;
-  memcpy(&blockHeaderSize, dib_, sizeof(blockHeaderSize));
-  uint8_t* first = dib_ + blockHeaderSize + GetPaletteSize();
+  memcpy(&blockHeaderSize, dib_.get(), sizeof(blockHeaderSize));
+  uint8_t* first = dib_.get() + blockHeaderSize + GetPaletteSize();
   return first + static_cast<uint64_t>(info_.effWidth) * row;
 }
 
 tagRGBQUAD* CxImage::GetPalette() const {
   if (dib_ == nullptr || head_.biClrUsed == 0)
     return nullptr;
-  return reinterpret_cast<tagRGBQUAD*>(dib_ + kHeaderSize);
+  return reinterpret_cast<tagRGBQUAD*>(dib_.get() + kHeaderSize);
 }
 
 void CxImage::SetPalette(const tagRGBQUAD* pPal, uint32_t nColors) {

@@ -4,6 +4,9 @@
 #define OSTRA_IMAGE_CXIMAGE_H
 
 #include <cstdint>
+#include <memory>
+
+#include "common/kiwa_common.h"
 
 // Palette entry and colour value, in the byte order of a BMP palette.
 struct tagRGBQUAD {
@@ -80,7 +83,7 @@ class CxImage {
   uint32_t GetSize() const { return head_.biSize + head_.biSizeImage + GetPaletteSize(); }
   const CxBitmapInfoHeader& GetHeader() const { return head_; }
   uint8_t* GetBits(uint32_t row = 0) const;
-  const void* GetDIB() const { return dib_; }
+  const void* GetDIB() const { return dib_.get(); }
 
   // Palette.
   tagRGBQUAD* GetPalette() const;
@@ -143,7 +146,7 @@ class CxImage {
 
   CxBitmapInfoHeader head_;
   Info info_;
-  uint8_t* dib_;
+  std::unique_ptr<uint8_t, KiwaFree> dib_;
   uint64_t pixelBytes_;
   uint64_t blockBytes_ = 0;  // the whole allocation, header and palette included
 };
