@@ -1,4 +1,4 @@
-#include "printer/ostra_printer.h"
+#include "printer/kiwa_printer.h"
 
 namespace {
 
@@ -30,15 +30,15 @@ int rowStrideFor(int width) {
 
 }  // namespace
 
-unsigned char OstraPrinter::getPix(unsigned char* bits, int x, int y) {
+unsigned char KiwaPrinter::getPix(unsigned char* bits, int x, int y) {
   return bits[static_cast<int64_t>(y) * rowStride_ + x];
 }
 
-void OstraPrinter::setPix(unsigned char* bits, int x, int y, unsigned char value) {
+void KiwaPrinter::setPix(unsigned char* bits, int x, int y, unsigned char value) {
   bits[static_cast<int64_t>(y) * rowStride_ + x] = value;
 }
 
-void OstraPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
+void KiwaPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
   rowStride_ = rowStrideFor(width);
   for (int y = kDashFirstRow; y < height - kDashLastRowsKept; ++y) {
     int run = 0;
@@ -62,7 +62,7 @@ void OstraPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
   }
 }
 
-void OstraPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) {
+void KiwaPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) {
   rowStride_ = rowStrideFor(width);
   if (width <= 0 || height <= 0) {
     kiwaLogCommon(KIWA_LOG_CRIT, "OptimazeBarcode1 CreateFromArray with image failed!");
@@ -98,7 +98,7 @@ void OstraPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) 
   kiwaLogCommon(KIWA_LOG_DEBUG, "OptimazeBarcode1 is applied!");
 }
 
-void OstraPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
+void KiwaPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
   rowStride_ = rowStrideFor(width);
   if (width <= 0 || height <= 0) {
     kiwaLogCommon(KIWA_LOG_CRIT, "OptimazeBarcode2 CreateFromArray with image failed!");

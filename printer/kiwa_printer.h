@@ -102,6 +102,14 @@ class KiwaPrinter {
                   size_t outSize = SIZE_MAX);
   void copyProcessedPixels(CxImage* image, unsigned char* out, int width, int height, int stride,
                            size_t outSize = SIZE_MAX);
+  // Barcode touch-ups on the processed 8-bit page (255 full, 0 empty), rows
+  // (width + 3) / 4 * 4 bytes apart: dashes long solid horizontal runs, then
+  // thins bars at their edges by rows (mode 1) or by columns (mode 2).
+  void ApplyDashedLine(unsigned char* bits, int width, int height);
+  void OptimazeBarcode1(unsigned char* bits, int width, int height);
+  void OptimazeBarcode2(unsigned char* bits, int width, int height);
+  unsigned char getPix(unsigned char* bits, int x, int y);
+  void setPix(unsigned char* bits, int x, int y, unsigned char value);
   // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
   int GrayToMono(int rowBytes, int height, unsigned char* buf);
   // Writes a page as a BMP named by imageFileName_, the local time and the
@@ -124,8 +132,9 @@ class KiwaPrinter {
   PrinterState& state() { return state_; }
 
  protected:
-  // The printer language: called once per page with the processed image.
-  virtual void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
+  // The printer language: called once per page with the processed page
+  // packed to 1 bit a pixel, `size` bytes.
+  virtual void doPrintImage(unsigned char* bits, long size, unsigned long height,
                             unsigned long width) = 0;
 
   CxImage image_;
@@ -136,6 +145,7 @@ class KiwaPrinter {
   cups_page_header2_t* pageHdr_ = nullptr;
   int32_t brightness_ = 0;
   int32_t vBarcodeOpt_ = 0;
+  int32_t rowStride_ = 0;  // of the page the barcode touch-ups work on
   int32_t contrast_ = 0;
   DitherType halftoneType_ = DITHER_NONE;
   bool negativePrint_ = false;

@@ -80,18 +80,8 @@ bool OstraPrinter::SendPrintSetting() {
   return true;
 }
 
-void OstraPrinter::doPrintImage(unsigned char* bits, unsigned long /*bytesPerLine*/,
-                                unsigned long height, unsigned long width) {
-  if (vBarcodeOpt_ == 1) {
-    ApplyDashedLine(bits, static_cast<int>(width), static_cast<int>(height));
-    OptimazeBarcode1(bits, static_cast<int>(width), static_cast<int>(height));
-  } else if (vBarcodeOpt_ == 2) {
-    ApplyDashedLine(bits, static_cast<int>(width), static_cast<int>(height));
-    OptimazeBarcode2(bits, static_cast<int>(width), static_cast<int>(height));
-  }
-  // The pixel width is the row size on purpose: rows of a width that is not a
-  // multiple of 4 are read from starts that drift left, as printers expect.
-  const int size = GrayToMono(static_cast<int>(width), static_cast<int>(height), bits);
+void OstraPrinter::doPrintImage(unsigned char* bits, long size, unsigned long height,
+                                unsigned long width) {
   OTCSendPaperInfo();
   OTCSendImage(size, SIZEL{static_cast<long>(width), static_cast<long>(height)}, bits);
 }

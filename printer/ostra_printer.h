@@ -38,15 +38,6 @@ class OstraPrinter : public KiwaPrinter {
   void OutputImage(long size, int height, unsigned char* records);
   void DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data, long size);
 
-  // Barcode touch-ups on the processed 8-bit page (255 full, 0 empty), rows
-  // (width + 3) / 4 * 4 bytes apart: dashes long solid horizontal runs, then
-  // thins bars at their edges by rows (mode 1) or by columns (mode 2).
-  void ApplyDashedLine(unsigned char* bits, int width, int height);
-  void OptimazeBarcode1(unsigned char* bits, int width, int height);
-  void OptimazeBarcode2(unsigned char* bits, int width, int height);
-  unsigned char getPix(unsigned char* bits, int x, int y);
-  void setPix(unsigned char* bits, int x, int y, unsigned char value);
-
   // Where page records and the counter go: `sink` (not owned) when set,
   // else files in the page directory.
   void setRecordSink(RecordSink* sink) { records_ = sink; }
@@ -62,10 +53,8 @@ class OstraPrinter : public KiwaPrinter {
   bool outputFailed() const { return outputFailed_ || deviceFailed_; }
 
  protected:
-  void doPrintImage(unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
+  void doPrintImage(unsigned char* bits, long size, unsigned long height,
                     unsigned long width) override;
-
-  int32_t rowStride_ = 0;
   Settings* settings_ = nullptr;
   std::function<bool()> cancelCheck_;
   bool outputFailed_ = false;

@@ -144,8 +144,21 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
 
         kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Starting to print the processed image");
         if (pimage != nullptr) {
-          doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
-                       pimage->GetWidth());
+          unsigned char* bits = pimage->GetBits(0);
+          const int w = static_cast<int>(pimage->GetWidth());
+          const int h = static_cast<int>(pimage->GetHeight());
+          if (vBarcodeOpt_ == 1) {
+            ApplyDashedLine(bits, w, h);
+            OptimazeBarcode1(bits, w, h);
+          } else if (vBarcodeOpt_ == 2) {
+            ApplyDashedLine(bits, w, h);
+            OptimazeBarcode2(bits, w, h);
+          }
+          // The pixel width is the row size on purpose: rows of a width that is
+          // not a multiple of 4 are read from starts that drift left, as
+          // printers expect.
+          const int packed = GrayToMono(w, h, bits);
+          doPrintImage(bits, packed, pimage->GetHeight(), pimage->GetWidth());
         } else {
           kiwaLogCommon(KIWA_LOG_ERROR, "printImage: pimage is NULL, unable to print the image");
         }
