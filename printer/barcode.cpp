@@ -30,20 +30,20 @@ int rowStrideFor(int width) {
 
 }  // namespace
 
-unsigned char KiwaPrinter::getPix(unsigned char* bits, int x, int y) {
-  return bits[static_cast<int64_t>(y) * rowStride_ + x];
+unsigned char KiwaPrinter::getPix(const unsigned char* bits, int stride, int x, int y) {
+  return bits[static_cast<int64_t>(y) * stride + x];
 }
 
-void KiwaPrinter::setPix(unsigned char* bits, int x, int y, unsigned char value) {
-  bits[static_cast<int64_t>(y) * rowStride_ + x] = value;
+void KiwaPrinter::setPix(unsigned char* bits, int stride, int x, int y, unsigned char value) {
+  bits[static_cast<int64_t>(y) * stride + x] = value;
 }
 
 void KiwaPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
-  rowStride_ = rowStrideFor(width);
+  const int stride = rowStrideFor(width);
   for (int y = kDashFirstRow; y < height - kDashLastRowsKept; ++y) {
     int run = 0;
     for (int x = 0; x < width; ++x) {
-      if (getPix(bits, x, y) == kFull) {
+      if (getPix(bits, stride, x, y) == kFull) {
         ++run;
         continue;
       }
@@ -54,7 +54,7 @@ void KiwaPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
           if (xx < x - run)
             continue;
           for (int k = 0; k < kDashLength; ++k)
-            setPix(bits, xx + k, y, kEmpty);
+            setPix(bits, stride, xx + k, y, kEmpty);
         }
       }
       run = 0;
@@ -63,21 +63,21 @@ void KiwaPrinter::ApplyDashedLine(unsigned char* bits, int width, int height) {
 }
 
 void KiwaPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) {
-  rowStride_ = rowStrideFor(width);
+  const int stride = rowStrideFor(width);
   if (width <= 0 || height <= 0) {
     kiwaLogCommon(KIWA_LOG_CRIT, "OptimazeBarcode1 CreateFromArray with image failed!");
   }
   for (int y = 1; y < height - 1; ++y) {
     int full = 0;
     for (int i = 0; i < width / 2; ++i) {
-      if (getPix(bits, i, y) == kFull)
+      if (getPix(bits, stride, i, y) == kFull)
         ++full;
-      if (getPix(bits, width - 1 - i, y) == kFull)
+      if (getPix(bits, stride, width - 1 - i, y) == kFull)
         ++full;
     }
     int run = 0;
     for (int x = 2; x < width; ++x) {
-      if (getPix(bits, x, y) == kFull) {
+      if (getPix(bits, stride, x, y) == kFull) {
         ++run;
         continue;
       }
@@ -85,10 +85,10 @@ void KiwaPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) {
       if (run > kMinBarRun && full < width / 2) {
         for (int c = x - run; c < x; ++c) {
           int below = 0;
-          for (int yy = y + 1; yy < height && getPix(bits, c, yy) == kEmpty; ++yy)
+          for (int yy = y + 1; yy < height && getPix(bits, stride, c, yy) == kEmpty; ++yy)
             ++below;
-          if (below >= 1 && below <= kMaxGapBelow && getPix(bits, c, y - 1) == kFull) {
-            setPix(bits, c, y, kEmpty);
+          if (below >= 1 && below <= kMaxGapBelow && getPix(bits, stride, c, y - 1) == kFull) {
+            setPix(bits, stride, c, y, kEmpty);
           }
         }
       }
@@ -99,7 +99,7 @@ void KiwaPrinter::OptimazeBarcode1(unsigned char* bits, int width, int height) {
 }
 
 void KiwaPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
-  rowStride_ = rowStrideFor(width);
+  const int stride = rowStrideFor(width);
   if (width <= 0 || height <= 0) {
     kiwaLogCommon(KIWA_LOG_CRIT, "OptimazeBarcode2 CreateFromArray with image failed!");
   }
@@ -107,13 +107,13 @@ void KiwaPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
   // is dropped (a run long enough to stagger keeps it below, but stay safe).
   const auto clear = [&](int x, int y) {
     if (y >= 0 && y < height)
-      setPix(bits, x, y, kEmpty);
+      setPix(bits, stride, x, y, kEmpty);
   };
   for (int x = 0; x < width; ++x) {
     int fullRun = 0;
     int otherRun = 0;
     for (int y = kFirstColumnRow; y < height - kLastRowsKept;) {
-      if (getPix(bits, x, y) == kFull) {
+      if (getPix(bits, stride, x, y) == kFull) {
         ++fullRun;
         otherRun = 0;
       } else {
@@ -121,9 +121,9 @@ void KiwaPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
         ++otherRun;
       }
       // Bar end: stagger the last rows in every other even column.
-      if (fullRun > kStaggerRun && getPix(bits, x, y - 2) == kFull &&
-          getPix(bits, x, y - 1) == kFull && getPix(bits, x, y) == kFull &&
-          getPix(bits, x, y + 1) == kEmpty) {
+      if (fullRun > kStaggerRun && getPix(bits, stride, x, y - 2) == kFull &&
+          getPix(bits, stride, x, y - 1) == kFull && getPix(bits, stride, x, y) == kFull &&
+          getPix(bits, stride, x, y + 1) == kEmpty) {
         if (x % 4 == 0) {
           clear(x, y - 2);
           clear(x, y - 4);
@@ -135,15 +135,17 @@ void KiwaPrinter::OptimazeBarcode2(unsigned char* bits, int width, int height) {
       // Trim the last pixel of a bar when ink follows within two rows below it.
       // The scan then steps over the gap row after it: that row is not
       // examined and leaves both run counters as they are.
-      if (fullRun > kTrimRun && getPix(bits, x, y) == kFull && getPix(bits, x, y + 1) == kEmpty &&
-          !(getPix(bits, x, y + 2) != kFull && getPix(bits, x, y + 3) != kFull)) {
+      if (fullRun > kTrimRun && getPix(bits, stride, x, y) == kFull &&
+          getPix(bits, stride, x, y + 1) == kEmpty &&
+          !(getPix(bits, stride, x, y + 2) != kFull && getPix(bits, stride, x, y + 3) != kFull)) {
         clear(x, y);
         y += 2;
         continue;
       }
       // Never true (a full pixel resets otherRun), kept as the printers have it.
-      if (otherRun > kGapRun && getPix(bits, x, y) == kFull && getPix(bits, x, y - 1) == kEmpty) {
-        setPix(bits, x, y - 1, kFull);
+      if (otherRun > kGapRun && getPix(bits, stride, x, y) == kFull &&
+          getPix(bits, stride, x, y - 1) == kEmpty) {
+        setPix(bits, stride, x, y - 1, kFull);
       }
       ++y;
     }

@@ -108,8 +108,9 @@ class KiwaPrinter {
   void ApplyDashedLine(unsigned char* bits, int width, int height);
   void OptimazeBarcode1(unsigned char* bits, int width, int height);
   void OptimazeBarcode2(unsigned char* bits, int width, int height);
-  unsigned char getPix(unsigned char* bits, int x, int y);
-  void setPix(unsigned char* bits, int x, int y, unsigned char value);
+  // Pixel (x, y) of rows `stride` bytes apart.
+  static unsigned char getPix(const unsigned char* bits, int stride, int x, int y);
+  static void setPix(unsigned char* bits, int stride, int x, int y, unsigned char value);
   // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
   int GrayToMono(int rowBytes, int height, unsigned char* buf);
   // Writes a page as a BMP named by imageFileName_, the local time and the
@@ -145,7 +146,6 @@ class KiwaPrinter {
   cups_page_header2_t* pageHdr_ = nullptr;
   int32_t brightness_ = 0;
   int32_t vBarcodeOpt_ = 0;
-  int32_t rowStride_ = 0;  // of the page the barcode touch-ups work on
   int32_t contrast_ = 0;
   DitherType halftoneType_ = DITHER_NONE;
   bool negativePrint_ = false;
