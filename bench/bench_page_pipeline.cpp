@@ -210,7 +210,7 @@ void bmpWriter(benchmark::State& state, const Page& page) {
   PrinterState printerState;
   OstraPrinter printer(printerState, PrinterPaths{dir, dir});
   for (auto _ : state) {
-    printer.saveImage(page.bytes.data(), page.stride, page.height, page.width, 8);
+    printer.saveImage("prnimg_", page.bytes.data(), page.stride, page.height, page.width, 8);
     state.PauseTiming();
     printer.discardPageImages();
     state.ResumeTiming();

@@ -1,12 +1,14 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "printer/kiwa_printer.h"
 
 namespace {
 
+constexpr size_t kImageNameLen = 1024;
 constexpr uint32_t kHeadersSize = 54;  // file header + information header
 constexpr uint32_t kGrayPaletteSize = 256 * 4;
 constexpr uint32_t kMonoPaletteSize = 2 * 4;
@@ -23,17 +25,27 @@ void put32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
 
 }  // namespace
 
-void KiwaPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine,
-                            unsigned long height, unsigned long width, unsigned short bpp) {
+void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
+                            unsigned long bytesPerLine, unsigned long height, unsigned long width,
+                            unsigned short bpp) {
   if (data == nullptr || !paths_.debugImages)
     return;
+  // The name is a printf pattern, so a '%' in the directory must be escaped.
+  std::string escaped;
+  for (char c : paths_.imageDir) {
+    escaped += c;
+    if (c == '%')
+      escaped += '%';
+  }
+  char pattern[kImageNameLen];
+  snprintf(pattern, sizeof(pattern), "%s/%s%%d-%%d-%%d_%%d_%%d_%%d_%%ld.bmp", escaped.c_str(),
+           prefix);
   const time_t now = time(nullptr);
   struct tm local;
   localtime_r(&now, &local);
-  char name[sizeof(imageFileName_) + 128];
-  snprintf(name, sizeof(name), imageFileName_, local.tm_year + 1900, local.tm_mon + 1,
-           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<long>(state_.page_index));
+  char name[kImageNameLen + 128];
+  snprintf(name, sizeof(name), pattern, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+           local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(state_.page_index));
   ++state_.page_index;
 
   FILE* file = kiwaOpenForWriting(name);

@@ -35,24 +35,9 @@ std::string hexNotice() {
 KiwaPrinter::KiwaPrinter(PrinterState& state, const PrinterPaths& paths)
     : state_(state), paths_(paths) {
   outputStreams_.push_back(stdout);
-  setImageFileName("prnimg_");
 }
 
 KiwaPrinter::~KiwaPrinter() = default;
-
-void KiwaPrinter::setImageFileName(const char* prefix) {
-  // The name is a printf pattern, so a '%' in the directory must be escaped.
-  std::string pattern;
-  for (char c : paths_.imageDir) {
-    pattern += c;
-    if (c == '%')
-      pattern += '%';
-  }
-  pattern += "/";
-  pattern += prefix;
-  pattern += "%d-%d-%d_%d_%d_%d_%ld.bmp";
-  snprintf(imageFileName_, sizeof(imageFileName_), "%s", pattern.c_str());
-}
 
 void KiwaPrinter::setBrightness(int value) {
   brightness_ = clampTo(value, kMinAdjust, kMaxAdjust);

@@ -113,10 +113,10 @@ class KiwaPrinter {
   static void setPix(unsigned char* bits, int stride, int x, int y, unsigned char value);
   // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
   int GrayToMono(int rowBytes, int height, unsigned char* buf);
-  // Writes a page as a BMP named by imageFileName_, the local time and the
+  // Writes a page as a BMP named by `prefix`, the local time and the
   // process-wide image counter.
-  void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
-                 unsigned long width, unsigned short bpp);
+  void saveImage(const char* prefix, const unsigned char* data, unsigned long bytesPerLine,
+                 unsigned long height, unsigned long width, unsigned short bpp);
   // Removes the debug images of the page in progress, for a page abandoned
   // before its record was kept.
   void discardPageImages();
@@ -141,7 +141,6 @@ class KiwaPrinter {
   CxImage image_;
   CxImage rvImage_;
   CxImage* pimage = nullptr;
-  char imageFileName_[1024];
   std::vector<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_ = nullptr;
   int32_t brightness_ = 0;
@@ -165,7 +164,6 @@ class KiwaPrinter {
   bool deviceFailed_ = false;
 
  private:
-  void setImageFileName(const char* prefix);
   void noteDeviceFailure(int error);
 };
 

@@ -90,10 +90,9 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
       }
     }
 
-    setImageFileName("origin_");
     kiwaLogCommon(KIWA_LOG_DEBUG,
                   "printImage: Saving original image, file path will be generated based on time");
-    saveImage(data, bytesPerLine, height, width, 8);
+    saveImage("origin_", data, bytesPerLine, height, width, 8);
 
     result.reset(static_cast<unsigned char*>(calloc(2, size)));
     if (!result) {
@@ -133,12 +132,11 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                       reinterpret_cast<unsigned long>(start), bytesPerLine, height, width, top,
                       bottom, adjustedHeight);
 
-        setImageFileName("dithered_");
         kiwaLogCommon(KIWA_LOG_DEBUG,
                       "printImage: Saving processed image, file path will be generated based on "
                       "time");
         if (pimage != nullptr) {
-          saveImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
+          saveImage("dithered_", pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
                     pimage->GetWidth(), 8);
         }
 
