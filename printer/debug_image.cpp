@@ -1,10 +1,14 @@
+#include "printer/debug_image.h"
+
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <string>
 #include <vector>
 
-#include "printer/kiwa_printer.h"
+#include "common/kiwa_common.h"
 
 namespace {
 
@@ -25,14 +29,12 @@ void put32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
 
 }  // namespace
 
-void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
-                            unsigned long bytesPerLine, unsigned long height, unsigned long width,
-                            unsigned short bpp) {
-  if (data == nullptr || !paths_.debugImages)
-    return;
+void BmpImageSink::saveImage(const char* prefix, const unsigned char* data,
+                             unsigned long bytesPerLine, unsigned long height, unsigned long width,
+                             unsigned short bpp) {
   // The name is a printf pattern, so a '%' in the directory must be escaped.
   std::string escaped;
-  for (char c : paths_.imageDir) {
+  for (char c : dir_) {
     escaped += c;
     if (c == '%')
       escaped += '%';
@@ -45,8 +47,8 @@ void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
   localtime_r(&now, &local);
   char name[kImageNameLen + 128];
   snprintf(name, sizeof(name), pattern, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-           local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(state_.page_index));
-  ++state_.page_index;
+           local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(index_));
+  ++index_;
 
   FILE* file = kiwaOpenForWriting(name);
   if (file == nullptr) {
@@ -114,7 +116,7 @@ void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
   fclose(file);
 }
 
-void KiwaPrinter::discardPageImages() {
+void BmpImageSink::discardPage() {
   for (const std::string& name : pageImages_)
     unlink(name.c_str());
   pageImages_.clear();

@@ -8,11 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "common/kiwa_common.h"
 #include "image/cximage.h"
+#include "printer/debug_image.h"
 
 // Where the printer leaves its files. The defaults are the paths the
 // printer-side program reads; tests and other front ends may point elsewhere.
@@ -113,8 +115,11 @@ class KiwaPrinter {
   static void setPix(unsigned char* bits, int stride, int x, int y, unsigned char value);
   // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
   int GrayToMono(int rowBytes, int height, unsigned char* buf);
-  // Writes a page as a BMP named by `prefix`, the local time and the
-  // process-wide image counter.
+  // Where debug images go: `sink` (not owned) when set, else BMP files in
+  // the image directory when PrinterPaths asks for them, else nowhere.
+  void setImageSink(ImageSink* sink) { images_ = sink; }
+  ImageSink* imageSink();
+  // Hands one image of the page to the image sink.
   void saveImage(const char* prefix, const unsigned char* data, unsigned long bytesPerLine,
                  unsigned long height, unsigned long width, unsigned short bpp);
   // Removes the debug images of the page in progress, for a page abandoned
@@ -159,7 +164,8 @@ class KiwaPrinter {
 
   PrinterState& state_;
   PrinterPaths paths_;
-  std::vector<std::string> pageImages_;  // debug images of the page in progress
+  ImageSink* images_ = nullptr;
+  std::unique_ptr<BmpImageSink> bmpImages_;
   const char* pageFailure_ = nullptr;
   bool deviceFailed_ = false;
 

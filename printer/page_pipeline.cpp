@@ -55,7 +55,8 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                 "printImage: Start processing image, input width: %zu, height: %zu, bytes per "
                 "line: %zu",
                 width, height, bytesPerLine);
-  pageImages_.clear();
+  if (ImageSink* images = imageSink())
+    images->beginPage();
   pageFailure_ = nullptr;
   const size_t size = bytesPerLine * height;
   // Allocated as the pipeline always has, though nothing is written to it.
