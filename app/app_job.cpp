@@ -162,6 +162,7 @@ const char* AppJob::startPage(const cups_page_header2_t& header, const char* ppd
     return "only black and gray pages are accepted";
   rows_ = 0;
   height_ = 0;
+  problem_.clear();
   if (OstraJob::checkPage(header, &problem_) != OstraJob::Check::Print)
     return problem_.empty() ? "the page is empty" : problem_.c_str();
   cups_page_header2_t page = header;

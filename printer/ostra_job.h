@@ -19,8 +19,9 @@
 // kPageNumWrap), and a cancel takes back what a page cut short moved.
 class OstraJob {
  public:
-  // `settings` as built for the job. `jobId` names the page records, which go with the counter
-  // to `records` (not owned), or when null to files in the page directory.
+  // `settings` as built for the job. `jobId` names the page records, which
+  // go with the counter to `records` (not owned), or when null to files in
+  // the page directory.
   OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
            std::string jobId, RecordSink* records = nullptr);
   OstraJob(const OstraJob&) = delete;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -77,6 +78,11 @@ bool canOpenForReading(const std::string& path) {
   return true;
 }
 
+// The counter's two bytes, low first.
+std::array<unsigned char, 2> le16(uint16_t value) {
+  return {static_cast<unsigned char>(value & 0xFF), static_cast<unsigned char>(value >> 8)};
+}
+
 RecordSink::Kept fail(RecordFailure* where, const char* what, std::string path, int error) {
   where->what = what;
   where->path = std::move(path);
@@ -98,8 +104,9 @@ void FileRecordSink::loadCounter(uint16_t* pageNum) {
   FILE* f = counter_.empty() ? nullptr : kiwaOpenForReading(counter_.c_str());
   if (f == nullptr)
     return;
-  uint8_t bytes[2] = {static_cast<uint8_t>(*pageNum & 0xFF), static_cast<uint8_t>(*pageNum >> 8)};
-  if (fread(bytes, 1, 2, f) > 0)
+  // A short file overwrites only the bytes it has.
+  std::array<unsigned char, 2> bytes = le16(*pageNum);
+  if (fread(bytes.data(), 1, bytes.size(), f) > 0)
     *pageNum = static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
   fclose(f);
 }
@@ -108,11 +115,10 @@ bool FileRecordSink::storeCounter(uint16_t pageNum, RecordFailure* failure) {
   // No page directory yet means no page was kept: nothing is stored.
   if (counter_.empty() || access(directoryOf(counter_).c_str(), F_OK) != 0)
     return true;
-  const unsigned char bytes[2] = {static_cast<unsigned char>(pageNum & 0xFF),
-                                  static_cast<unsigned char>(pageNum >> 8)};
+  const std::array<unsigned char, 2> bytes = le16(pageNum);
   // Moved over the old counter in one step: a job starting meanwhile reads
   // either the old value or the new one, never a torn file.
-  const std::string temp = writeTemporary(counter_, bytes, sizeof(bytes));
+  const std::string temp = writeTemporary(counter_, bytes.data(), bytes.size());
   if (temp.empty() || rename(temp.c_str(), counter_.c_str()) != 0) {
     const int error = errno;
     if (!temp.empty())
@@ -126,11 +132,9 @@ bool FileRecordSink::storeCounter(uint16_t pageNum, RecordFailure* failure) {
 }
 
 bool FileRecordSink::writeJournal(uint16_t next, RecordFailure* failure) {
-  const uint16_t stored = next >= kPageNumWrap ? 1 : next;
-  const unsigned char bytes[2] = {static_cast<unsigned char>(stored & 0xFF),
-                                  static_cast<unsigned char>(stored >> 8)};
+  const std::array<unsigned char, 2> bytes = le16(next >= kPageNumWrap ? 1 : next);
   const std::string path = counter_ + ".journal";
-  if (ostraReplaceFile(path, bytes, sizeof(bytes)))
+  if (ostraReplaceFile(path, bytes.data(), bytes.size()))
     return true;
   fail(failure, "page counter journal", path, errno);
   return false;
