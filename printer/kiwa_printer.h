@@ -24,14 +24,20 @@ struct PrinterPaths {
   bool debugImages = true;  // the BMPs of each page before and after processing
 };
 
-// What lives for the whole process rather than per printer object: the
-// command templates, the page counter and the debug image counter. The front
-// end owns it and lends it to its printer.
+// What lives for the whole process rather than per printer object: the page
+// counter and the debug image counter. The front end owns it and lends it to
+// its printer.
 struct PrinterState {
-  uint8_t bPrnSet[7] = {0x1B, 0x73, 0x00, 0x00, 0x00, 0x00, 0x00};
-  uint8_t bLabelInfo[14] = {'S', 'I', 'Z', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   uint16_t PageNum = 1;
   int64_t page_index = 0;  // debug image files written so far
+};
+
+// What PageProcess hands on: the processed page, 8 bits a pixel where 255
+// prints a dot, or the step that kept it from being made.
+struct ProcessedPage {
+  std::unique_ptr<CxImage> image;  // null when a step failed
+  const char* failure = nullptr;
+  long length = 0;  // rows times row bytes, as logged
 };
 
 // Blank-row counters: a row is blank when its first bytesPerLine - skip bytes
@@ -95,11 +101,13 @@ class KiwaPrinter {
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // The page pipeline: one 8-bit page, row 0 first, a non-zero byte is ink.
-  void printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
+  // False when the page was not kept (no memory, a record not written); the
+  // reason has been logged.
+  bool printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                   unsigned long width);
   // `outSize` bounds every write into `out`; an enlarged image never runs past it.
-  long PageProcess(DitherType method, const unsigned char* data, int stride, int width, int height,
-                   unsigned char* out, size_t outSize = SIZE_MAX);
+  ProcessedPage PageProcess(DitherType method, const unsigned char* data, int stride, int width,
+                            int height, unsigned char* out, size_t outSize = SIZE_MAX);
   void copyPixels(CxImage& image, unsigned char* out, int width, int height, int stride,
                   size_t outSize = SIZE_MAX);
   void copyProcessedPixels(CxImage* image, unsigned char* out, int width, int height, int stride,
@@ -130,22 +138,15 @@ class KiwaPrinter {
   // frame whose side bars grow with the anti-wrinkle level.
   void EnableAntiWrink(CxImage& image);
 
-  const CxImage* processedImage() const { return pimage; }
-  // The step that kept the last page from printing (no memory, most likely),
-  // or null when it printed.
-  const char* pageFailure() const { return pageFailure_; }
   const PrinterPaths& paths() const { return paths_; }
   PrinterState& state() { return state_; }
 
  protected:
   // The printer language: called once per page with the processed page
-  // packed to 1 bit a pixel, `size` bytes.
-  virtual void doPrintImage(unsigned char* bits, long size, unsigned long height,
+  // packed to 1 bit a pixel, `size` bytes; false when it was not kept.
+  virtual bool doPrintImage(unsigned char* bits, long size, unsigned long height,
                             unsigned long width) = 0;
 
-  CxImage image_;
-  CxImage rvImage_;
-  CxImage* pimage = nullptr;
   std::vector<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_ = nullptr;
   int32_t brightness_ = 0;
@@ -166,7 +167,6 @@ class KiwaPrinter {
   PrinterPaths paths_;
   ImageSink* images_ = nullptr;
   std::unique_ptr<BmpImageSink> bmpImages_;
-  const char* pageFailure_ = nullptr;
   bool deviceFailed_ = false;
 
  private:

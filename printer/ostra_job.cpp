@@ -40,25 +40,6 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& h, const 
   memcpy(settings->JobId, jobId, idLen);
 }
 
-void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
-               const char* jobId) {
-  updatePageSettings(settings, *header, jobId);
-  kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings->pageWidth,
-                settings->pageHeight);
-
-  printer->setPageHeader(header);
-  printer->setBrightness(settings->Brightness);
-  printer->setVBarcodeOpt(settings->VBarcodeOpt);
-  printer->setHalftoneType(settings->halftoneType);
-  printer->setMirrorPrint(settings->MirrorImage != 0);
-  printer->setNegativePrint(settings->NegativeImage != 0);
-
-  // Every page reloads the counter and resends the settings, which reach the
-  // printer before the page's record appears.
-  jobSetup(printer, settings);
-  printer->flushOutput();
-}
-
 OstraJob::OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,
                    std::string jobId, RecordSink* records)
     : settings_(settings), jobId_(std::move(jobId)), printer_(state, paths) {
@@ -99,15 +80,29 @@ bool OstraJob::allocatePage(const cups_page_header2_t& header) {
 }
 
 bool OstraJob::beginPage() {
-  ::beginPage(&printer_, &settings_, &header_, jobId_.c_str());
+  updatePageSettings(&settings_, header_, jobId_.c_str());
+  kiwaLogCommon(KIWA_LOG_DEBUG, "pageWidth: %f,pageHeight: %f", settings_.pageWidth,
+                settings_.pageHeight);
+
+  printer_.setPageHeader(&header_);
+  printer_.setBrightness(settings_.Brightness);
+  printer_.setVBarcodeOpt(settings_.VBarcodeOpt);
+  printer_.setHalftoneType(settings_.halftoneType);
+  printer_.setMirrorPrint(settings_.MirrorImage != 0);
+  printer_.setNegativePrint(settings_.NegativeImage != 0);
+
+  // Every page reloads the counter and resends the settings, which reach the
+  // printer before the page's record appears.
+  jobSetup(&printer_, &settings_);
+  printer_.flushOutput();
   return !printer_.deviceFailed();
 }
 
 bool OstraJob::printPage(int pageCount) {
-  bool printed = true;
+  bool printed = false;
   try {
-    printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
-                        header_.cupsWidth);
+    printed = printer_.printImage(page_.data(), header_.cupsBytesPerLine, header_.cupsHeight,
+                                  header_.cupsWidth);
   } catch (const std::bad_alloc&) {
     kiwaLogCommon(KIWA_LOG_ERROR, "No memory to process page %d, the page is not printed",
                   pageCount);
@@ -115,7 +110,7 @@ bool OstraJob::printPage(int pageCount) {
   }
   pageFinished_ = true;
   counterAfterPage_ = printer_.state().PageNum;
-  return printed && !failed();
+  return printed && !printer_.outputFailed();
 }
 
 void OstraJob::cancel() {

@@ -53,7 +53,6 @@ class OstraJob {
   // the job wrote failed.
   bool finish();
 
-  bool failed() const { return printer_.pageFailure() != nullptr || printer_.outputFailed(); }
   const cups_page_header2_t& header() const { return header_; }
   OstraPrinter& printer() { return printer_; }
 

@@ -49,14 +49,14 @@ RecordSink& OstraPrinter::records() {
   return *fileRecords_;
 }
 
-void jobSetup(OstraPrinter* printer, Settings* settings) {
+void jobSetup(OstraPrinter* printer, const Settings* settings) {
   if (printer == nullptr || settings == nullptr)
     return;
   printer->records().loadCounter(&printer->state().PageNum);
   printer->SendPrintSetting();
 }
 
-void jobEnd(OstraPrinter* printer, Settings* settings) {
+void jobEnd(OstraPrinter* printer, const Settings* settings) {
   if (printer == nullptr || settings == nullptr)
     return;
   uint16_t& pageNum = printer->state().PageNum;
@@ -68,25 +68,24 @@ void jobEnd(OstraPrinter* printer, Settings* settings) {
 }
 
 bool OstraPrinter::SendPrintSetting() {
-  uint8_t* block = state_.bPrnSet;
-  block[2] = 0x01;
-  block[3] = 0x00;
-  block[4] = 0x00;
+  uint8_t bPrnSet[7] = {0x1B, 0x73, 0x01, 0x00, 0x00, 0x00, 0x00};
   // The printer counts speeds from 2: "2" is sent as 0, "5" as 3.
   const uint8_t speed = static_cast<uint8_t>(settings_ != nullptr ? settings_->PrintSpeed : 0);
-  block[5] = speed >= 2 ? static_cast<uint8_t>(speed - 2) : speed;
-  block[6] = static_cast<uint8_t>(settings_ != nullptr ? settings_->Darkness : 0);
-  printBytes(block, sizeof(state_.bPrnSet));
-  return true;
+  bPrnSet[5] = speed >= 2 ? static_cast<uint8_t>(speed - 2) : speed;
+  bPrnSet[6] = static_cast<uint8_t>(settings_ != nullptr ? settings_->Darkness : 0);
+  printBytes(bPrnSet, sizeof(bPrnSet));
+  return !deviceFailed_;
 }
 
-void OstraPrinter::doPrintImage(unsigned char* bits, long size, unsigned long height,
+bool OstraPrinter::doPrintImage(unsigned char* bits, long size, unsigned long height,
                                 unsigned long width) {
-  OTCSendPaperInfo();
-  OTCSendImage(size, SIZEL{static_cast<long>(width), static_cast<long>(height)}, bits);
+  LabelInfo bLabelInfo{'S', 'I', 'Z'};
+  OTCSendPaperInfo(bLabelInfo);
+  return OTCSendImage(size, SIZEL{static_cast<long>(width), static_cast<long>(height)}, bits,
+                      bLabelInfo);
 }
 
-bool OstraPrinter::OTCSendPaperInfo() {
+bool OstraPrinter::OTCSendPaperInfo(LabelInfo& bLabelInfo) {
   uint8_t media = 1;
   double pageWidth = 0.0, pageHeight = 0.0, gap = 0.0;
   if (settings_ != nullptr) {
@@ -109,7 +108,7 @@ bool OstraPrinter::OTCSendPaperInfo() {
   kiwaLogCommon(KIWA_LOG_DEBUG, "OTCSendPaperInfo: settings->pageHeight:%f",
                 static_cast<double>(heightDots));
 
-  uint8_t* info = state_.bLabelInfo;
+  uint8_t* info = bLabelInfo.data();
   info[3] = media;
   putLe16(info + 4, widthDots);
   putLe16(info + 6, heightDots);
@@ -120,21 +119,21 @@ bool OstraPrinter::OTCSendPaperInfo() {
   return true;
 }
 
-void OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits) {
+bool OstraPrinter::OTCSendImage(long size, SIZEL extent, unsigned char* bits,
+                                const LabelInfo& bLabelInfo) {
   const long need = CalcBlackPoints(bits, size, extent, nullptr, 0);
   if (need <= 0)
-    return;
+    return true;
   // Zeroed, so the margin bytes of every row record are 0.
   std::unique_ptr<unsigned char, KiwaFree> records(
       static_cast<unsigned char*>(calloc(1, static_cast<size_t>(need))));
   if (!records) {
-    pageFailure_ = "page record allocation";
     kiwaLogCommon(KIWA_LOG_ERROR, "OTCSendImage: no memory for %ld bytes, the page is not printed",
                   need);
-    return;
+    return false;
   }
   CalcBlackPoints(bits, size, extent, records.get(), need);
-  OutputImage(need, static_cast<int>(extent.cy), records.get());
+  return OutputImage(need, static_cast<int>(extent.cy), records.get(), bLabelInfo);
 }
 
 long OstraPrinter::CalcBlackPoints(unsigned char* bits, long size, SIZEL extent, unsigned char* out,
@@ -167,9 +166,10 @@ long OstraPrinter::CalcBlackPoints(unsigned char* bits, long size, SIZEL extent,
   return result;
 }
 
-void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
+bool OstraPrinter::OutputImage(long size, int height, unsigned char* records,
+                               const LabelInfo& bLabelInfo) {
   if (height <= 0 || size <= 0)
-    return;
+    return true;
   uint8_t rasterHeader[8];
   memcpy(rasterHeader, kRasterCommand, sizeof(kRasterCommand));
   putLe16(rasterHeader + 4, static_cast<unsigned>(size / height));
@@ -178,42 +178,44 @@ void OstraPrinter::OutputImage(long size, int height, unsigned char* records) {
   const size_t total = static_cast<size_t>(size) + kRecordHeaderSize;
   std::unique_ptr<unsigned char, KiwaFree> page(static_cast<unsigned char*>(malloc(total)));
   if (!page) {
-    pageFailure_ = "page record allocation";
     kiwaLogCommon(KIWA_LOG_ERROR, "OutputImage: no memory for %zu bytes, the page is not printed",
                   total);
-    return;
+    return false;
   }
-  memcpy(page.get(), state_.bLabelInfo, sizeof(state_.bLabelInfo));
-  memcpy(page.get() + sizeof(state_.bLabelInfo), rasterHeader, sizeof(rasterHeader));
+  memcpy(page.get(), bLabelInfo.data(), bLabelInfo.size());
+  memcpy(page.get() + bLabelInfo.size(), rasterHeader, sizeof(rasterHeader));
   memcpy(page.get() + kRecordHeaderSize, records, static_cast<size_t>(size));
 
   // The job id field is not terminated when the id fills it.
   char jobId[kSettingsJobIdLen + 1] = {0};
   if (settings_ != nullptr)
     memcpy(jobId, settings_->JobId, kSettingsJobIdLen);
-  DumpPageToFile(state_.PageNum, atoi(jobId), page.get(), static_cast<long>(total));
+  const bool kept =
+      DumpPageToFile(state_.PageNum, atoi(jobId), page.get(), static_cast<long>(total));
   ++state_.PageNum;
+  return kept;
 }
 
-void OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data,
+bool OstraPrinter::DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data,
                                   long size) {
   if (size == 0)
-    return;
+    return true;
   RecordFailure where;
   switch (
       records().keepPage(pageNum, jobId, data, static_cast<size_t>(size), cancelCheck_, &where)) {
     case RecordSink::Kept::Failed:
       reportWriteFailure(where.what, where.path, where.error);
-      return;
+      return false;
     case RecordSink::Kept::Abandoned:
       discardPageImages();
       kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: job canceled, page %d not kept", pageNum);
-      return;
+      return true;
     case RecordSink::Kept::Yes:
       break;
   }
   kiwaLogCommon(KIWA_LOG_DEBUG, "DumpPageToFile: dumped the page data to file:%s, size:%d",
                 where.path.c_str(), static_cast<int>(size));
+  return true;
 }
 
 void OstraPrinter::reportWriteFailure(const char* what, const std::string& path, int error) {

@@ -3,6 +3,7 @@
 #ifndef OSTRA_PRINTER_OSTRA_PRINTER_H
 #define OSTRA_PRINTER_OSTRA_PRINTER_H
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,24 +20,33 @@ struct SIZEL {
   long cy;
 };
 
+// The label-size block that opens every page record: "SIZ", the media kind,
+// the label's width, height and gap in dots, two zero bytes, the page number.
+using LabelInfo = std::array<uint8_t, 14>;
+
 class OstraPrinter : public KiwaPrinter {
  public:
   OstraPrinter(PrinterState& state, const PrinterPaths& paths = PrinterPaths());
   ~OstraPrinter() override;
 
-  void setSettings(Settings* settings) { settings_ = settings; }
-  Settings* getSettings() const { return settings_; }
+  // The settings of the job and its page (not owned), read as each page's
+  // setting block and record are encoded.
+  void setSettings(const Settings* settings) { settings_ = settings; }
+  const Settings* getSettings() const { return settings_; }
 
-  // Sends ESC 's' 01 00 00 speed darkness, built from the job settings.
+  // Sends ESC 's' 01 00 00 speed darkness, built from the job settings; false
+  // when a device did not take it.
   bool SendPrintSetting();
-  // Fills the "SIZ" label-size block for the current page.
-  bool OTCSendPaperInfo();
-  void OTCSendImage(long size, SIZEL extent, unsigned char* bits);
+  // Fills the label-size block for the current page; always true.
+  bool OTCSendPaperInfo(LabelInfo& bLabelInfo);
+  // The page record from the packed page and its label block, handed to the
+  // record sink; false when it was not kept (no memory, a failed write).
+  bool OTCSendImage(long size, SIZEL extent, unsigned char* bits, const LabelInfo& bLabelInfo);
   // Byte count of the row records; fills `out` only when outSize equals it.
   long CalcBlackPoints(unsigned char* bits, long size, SIZEL extent, unsigned char* out,
                        long outSize);
-  void OutputImage(long size, int height, unsigned char* records);
-  void DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data, long size);
+  bool OutputImage(long size, int height, unsigned char* records, const LabelInfo& bLabelInfo);
+  bool DumpPageToFile(unsigned short pageNum, int jobId, unsigned char* data, long size);
 
   // Where page records and the counter go: `sink` (not owned) when set,
   // else files in the page directory.
@@ -53,9 +63,9 @@ class OstraPrinter : public KiwaPrinter {
   bool outputFailed() const { return outputFailed_ || deviceFailed_; }
 
  protected:
-  void doPrintImage(unsigned char* bits, long size, unsigned long height,
+  bool doPrintImage(unsigned char* bits, long size, unsigned long height,
                     unsigned long width) override;
-  Settings* settings_ = nullptr;
+  const Settings* settings_ = nullptr;
   std::function<bool()> cancelCheck_;
   bool outputFailed_ = false;
   RecordSink* records_ = nullptr;
@@ -82,17 +92,12 @@ OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& header);
 // millimetres, the media width in dots at this page's resolution, and the
 // job id.
 void updatePageSettings(Settings* settings, const cups_page_header2_t& header, const char* jobId);
-// Everything a page needs before its pixels: its settings (updatePageSettings)
-// handed to the printer, the counter reloaded and the setting block sent
-// (jobSetup) and flushed. Both front ends start every page here.
-void beginPage(OstraPrinter* printer, Settings* settings, cups_page_header2_t* header,
-               const char* jobId);
 
 // Per page, before its pixels are read: reload the page counter and send the
 // print-setting block.
-void jobSetup(OstraPrinter* printer, Settings* settings);
+void jobSetup(OstraPrinter* printer, const Settings* settings);
 // Once after the last page: wrap the counter at 9000 and store it. A page
 // directory that does not exist yet means no page was kept: nothing is stored.
-void jobEnd(OstraPrinter* printer, Settings* settings);
+void jobEnd(OstraPrinter* printer, const Settings* settings);
 
 #endif  // OSTRA_PRINTER_OSTRA_PRINTER_H

@@ -49,7 +49,7 @@ size_t kiwaImageCountBlankLinesFromBack(const unsigned char* data, size_t bytesP
   return 0;
 }
 
-void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine,
+bool KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine,
                              unsigned long height, unsigned long width) {
   kiwaLogCommon(KIWA_LOG_DEBUG,
                 "printImage: Start processing image, input width: %zu, height: %zu, bytes per "
@@ -57,13 +57,12 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                 width, height, bytesPerLine);
   if (ImageSink* images = imageSink())
     images->beginPage();
-  pageFailure_ = nullptr;
+  bool printed = false;
   const size_t size = bytesPerLine * height;
   // Allocated as the pipeline always has, though nothing is written to it.
   Buffer pageBuffer(static_cast<unsigned char*>(malloc(size)));
   Buffer result;
   if (!pageBuffer) {
-    pageFailure_ = "page buffer allocation";
     kiwaLogCommon(KIWA_LOG_ERROR,
                   "printImage: Memory allocation failed, unable to process image, exiting "
                   "processing");
@@ -97,7 +96,6 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
 
     result.reset(static_cast<unsigned char*>(calloc(2, size)));
     if (!result) {
-      pageFailure_ = "result buffer allocation";
       kiwaLogCommon(KIWA_LOG_ERROR,
                     "printImage: Memory allocation for processing result failed, unable to "
                     "continue processing");
@@ -106,13 +104,14 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                     "printImage: Memory for processing result allocated successfully, size: %zu "
                     "bytes",
                     size);
-      PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
-                  static_cast<int>(height), result.get(), 2 * size);
+      ProcessedPage processed =
+          PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
+                      static_cast<int>(height), result.get(), 2 * size);
 
       // A page that did not come through every step must never print half done.
-      if (pageFailure_ != nullptr) {
+      if (processed.failure != nullptr) {
         kiwaLogCommon(KIWA_LOG_ERROR, "printImage: %s failed, the page is not printed",
-                      pageFailure_);
+                      processed.failure);
       } else {
         // The trim is worked out and logged only; the whole processed image prints.
         const unsigned char* start = result.get();
@@ -133,34 +132,29 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                       reinterpret_cast<unsigned long>(start), bytesPerLine, height, width, top,
                       bottom, adjustedHeight);
 
+        CxImage& pimage = *processed.image;
+        unsigned char* bits = pimage.GetBits(0);
+        const int w = static_cast<int>(pimage.GetWidth());
+        const int h = static_cast<int>(pimage.GetHeight());
         kiwaLogCommon(KIWA_LOG_DEBUG,
                       "printImage: Saving processed image, file path will be generated based on "
                       "time");
-        if (pimage != nullptr) {
-          saveImage("dithered_", pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(),
-                    pimage->GetWidth(), 8);
-        }
+        saveImage("dithered_", bits, pimage.GetEffWidth(), pimage.GetHeight(), pimage.GetWidth(),
+                  8);
 
         kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Starting to print the processed image");
-        if (pimage != nullptr) {
-          unsigned char* bits = pimage->GetBits(0);
-          const int w = static_cast<int>(pimage->GetWidth());
-          const int h = static_cast<int>(pimage->GetHeight());
-          if (vBarcodeOpt_ == 1) {
-            ApplyDashedLine(bits, w, h);
-            OptimazeBarcode1(bits, w, h);
-          } else if (vBarcodeOpt_ == 2) {
-            ApplyDashedLine(bits, w, h);
-            OptimazeBarcode2(bits, w, h);
-          }
-          // The pixel width is the row size on purpose: rows of a width that is
-          // not a multiple of 4 are read from starts that drift left, as
-          // printers expect.
-          const int packed = GrayToMono(w, h, bits);
-          doPrintImage(bits, packed, pimage->GetHeight(), pimage->GetWidth());
-        } else {
-          kiwaLogCommon(KIWA_LOG_ERROR, "printImage: pimage is NULL, unable to print the image");
+        if (vBarcodeOpt_ == 1) {
+          ApplyDashedLine(bits, w, h);
+          OptimazeBarcode1(bits, w, h);
+        } else if (vBarcodeOpt_ == 2) {
+          ApplyDashedLine(bits, w, h);
+          OptimazeBarcode2(bits, w, h);
         }
+        // The pixel width is the row size on purpose: rows of a width that is
+        // not a multiple of 4 are read from starts that drift left, as
+        // printers expect.
+        const int packed = GrayToMono(w, h, bits);
+        printed = doPrintImage(bits, packed, pimage.GetHeight(), pimage.GetWidth());
       }
     }
   }
@@ -179,4 +173,5 @@ void KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
                   former);
   }
   kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Image processing completed");
+  return printed;
 }

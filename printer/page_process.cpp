@@ -4,6 +4,7 @@
 #include <emmintrin.h>
 #endif
 #include <new>
+#include <utility>
 
 #include "enhance/rv_enhance.h"
 #include "printer/kiwa_printer.h"
@@ -74,67 +75,68 @@ void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int wi
   }
 }
 
-long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride, int width,
-                              int height, unsigned char* out, size_t outSize) {
+ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride,
+                                       int width, int height, unsigned char* out, size_t outSize) {
   const bool fast = kiwaFastPixels();
+  ProcessedPage page;
+  const auto failed = [&page](const char* step) {
+    page.image.reset();
+    page.failure = step;
+    return std::move(page);
+  };
   useRVDithering_ = isStencilType(halftoneType_);
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
                 useRVDithering_ ? "enabled" : "disabled");
 
-  if (!image_.CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
+  auto image = std::make_unique<CxImage>();
+  if (!image->CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
                               static_cast<uint32_t>(stride), false)) {
     kiwaLogCommon(KIWA_LOG_CRIT, "cximage.CreateFromArray with grey failed!");
-    pageFailure_ = "CreateFromArray";
-    return 0;
+    return failed("CreateFromArray");
   }
   kiwaLogCommon(KIWA_LOG_DEBUG,
                 "PageProcess: Successfully created CxImage from array with stride %d", stride);
 
   if (brightness_ != 0 || contrast_ != 0) {
-    image_.Light(brightness_ * kBrightnessScale, contrast_ * kContrastScale);
+    image->Light(brightness_ * kBrightnessScale, contrast_ * kContrastScale);
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Adjusted brightness to %d and contrast to %d",
                   brightness_ * kBrightnessScale, contrast_ * kContrastScale);
   }
   // Rotation always comes before mirroring.
   if (isRotate180Print()) {
-    image_.Rotate180();
+    image->Rotate180();
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Rotated the image 180 degrees");
   }
   // Short of memory, the transforms leave the image without pixels.
-  if (!image_.IsValid()) {
-    pageFailure_ = "Rotate180";
-    return 0;
-  }
+  if (!image->IsValid())
+    return failed("Rotate180");
   if (isMirrorPrint()) {
-    image_.Mirror();
+    image->Mirror();
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Mirrored the image");
   }
-  if (!image_.IsValid()) {
-    pageFailure_ = "Mirror";
-    return 0;
-  }
+  if (!image->IsValid())
+    return failed("Mirror");
 
   if (useRVDithering_) {
     // The staging copy in `out` is what the chain reads in the reference
     // path; the fast path builds the same bytes straight into the chain's image.
     const bool staged = !fast || stride < width;
     if (staged)
-      copyPixels(image_, out, width, height, stride, outSize);
+      copyPixels(*image, out, width, height, stride, outSize);
     kiwaLogCommon(KIWA_LOG_DEBUG,
                   "PageProcess: Copied pixels to the output buffer for RV dithering, with stride "
                   "%d, EffWidth %d",
-                  stride, static_cast<int>(image_.GetEffWidth()));
+                  stride, static_cast<int>(image->GetEffWidth()));
     // The chain reads the first width x height bytes as packed rows, which is
     // the page exactly when the stride equals the width, as on 8-bit pages.
     // The chain allocates with new; no memory ends the page, not the job.
     std::unique_ptr<RVImage> result;
     try {
       RVImage source = staged ? RVImage(width, height, RV_IMG_GRAY, out)
-                              : stencilSource(image_, width, height, stride);
+                              : stencilSource(*image, width, height, stride);
       // Nothing reads the gray page after this; a page less in memory while
       // the chain runs.
-      if (!staged)
-        image_.Destroy();
+      image.reset();
       result =
           std::make_unique<RVImage>(halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source)
                                                                       : rvTattooDithering(source));
@@ -145,32 +147,28 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
                   resultStride, width);
     // Rows of the result are `width` bytes long, whatever resultStride says.
+    page.image = std::make_unique<CxImage>();
     if (!result || result->data() == nullptr ||
-        !rvImage_.CreateFromArray(result->data(), static_cast<uint32_t>(width),
-                                  static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
-                                  false)) {
+        !page.image->CreateFromArray(result->data(), static_cast<uint32_t>(width),
+                                     static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
+                                     false)) {
       kiwaLogCommon(KIWA_LOG_ERROR,
                     "PageProcess: Failed to create a new CxImage from RV dithered data");
-      pageFailure_ = "stencil chain";
-      return 0;
+      return failed("stencil chain");
     }
     kiwaLogCommon(KIWA_LOG_DEBUG,
                   "PageProcess: Successfully created a new CxImage from RV dithered data");
-    pimage = &rvImage_;
   } else {
     // A page left gray would print every non-white byte as a dot.
-    if (fast ? !image_.Dither8(method) : !image_.Dither(method)) {
-      pageFailure_ = "Dither";
-      return 0;
-    }
-    if (!image_.IncreaseBpp(8)) {
-      pageFailure_ = "IncreaseBpp";
-      return 0;
-    }
-    pimage = &image_;
+    if (fast ? !image->Dither8(method) : !image->Dither(method))
+      return failed("Dither");
+    if (!image->IncreaseBpp(8))
+      return failed("IncreaseBpp");
+    page.image = std::move(image);
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
   }
 
+  CxImage* pimage = page.image.get();
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: negativePrint_ %d", isNegativePrint() ? 1 : 0);
   if (isNegativePrint()) {
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Inverting the image for negative print");
@@ -181,18 +179,18 @@ long KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int 
     EnableAntiWrink(*pimage);
 
   // copyProcessedPixels inverts again under negative printing, so `out` holds
-  // the page inverted twice; the printer prints from pimage, not from `out`,
-  // so the fast path leaves it out.
+  // the page inverted twice; the printer prints from the processed image, not
+  // from `out`, so the fast path leaves it out.
   const int rowBytes = static_cast<int>(pimage->GetEffWidth());
   if (!fast) {
     copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()),
                         static_cast<int>(pimage->GetHeight()), rowBytes, outSize);
   }
-  const long length = static_cast<long>(height) * rowBytes;
+  page.length = static_cast<long>(height) * rowBytes;
   kiwaLogCommon(KIWA_LOG_DEBUG,
                 "PageProcess: Filled the output buffer with processed pixels, length: %d",
-                static_cast<int>(length));
-  return length;
+                static_cast<int>(page.length));
+  return page;
 }
 
 int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
