@@ -177,6 +177,60 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
   }
 }
 
+// Rows reduced by a 4 x 4 pattern of cells whose level (0 or 1) rises with the
+// value: each cell is then one threshold, and sixteen pixels take one
+// comparison. `level(cell row, cell column, value)` is the pattern.
+template <class Level>
+void thresholdCells(uint8_t* bits, int64_t stride, int64_t width, int64_t height, Level level) {
+  // Each cell's highest value still at level 0.
+  uint8_t top[4][4];
+  bool rising = true;
+  for (int cy = 0; cy < 4; ++cy) {
+    for (int cx = 0; cx < 4; ++cx) {
+      int zeros = 0;
+      for (int v = 0; v < 256; ++v) {
+        const int l = level(cy, cx, v);
+        rising = rising && (l == 0 ? zeros == v : l == 1);
+        zeros += l == 0 ? 1 : 0;
+      }
+      rising = rising && zeros > 0;
+      top[cy][cx] = static_cast<uint8_t>(zeros - 1);
+    }
+  }
+  for (int64_t y = 0; y < height; ++y) {
+    uint8_t* row = bits + y * stride;
+    int64_t x = 0;
+    if (!rising) {
+      for (; x < width; ++x)
+        row[x] =
+            static_cast<uint8_t>(level(static_cast<int>(y & 3), static_cast<int>(x & 3), row[x]));
+      continue;
+    }
+    const uint8_t* tops = top[y & 3];
+#if defined(__SSE2__)
+    // Above the top as a signed comparison, both less 128.
+    const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
+    const __m128i one = _mm_set1_epi8(1);
+    const __m128i limit = _mm_xor_si128(
+        _mm_set_epi8(
+            static_cast<char>(tops[3]), static_cast<char>(tops[2]), static_cast<char>(tops[1]),
+            static_cast<char>(tops[0]), static_cast<char>(tops[3]), static_cast<char>(tops[2]),
+            static_cast<char>(tops[1]), static_cast<char>(tops[0]), static_cast<char>(tops[3]),
+            static_cast<char>(tops[2]), static_cast<char>(tops[1]), static_cast<char>(tops[0]),
+            static_cast<char>(tops[3]), static_cast<char>(tops[2]), static_cast<char>(tops[1]),
+            static_cast<char>(tops[0])),
+        bias);
+    for (; x + 16 <= width; x += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+      const __m128i above = _mm_cmpgt_epi8(_mm_xor_si128(v, bias), limit);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(row + x), _mm_and_si128(above, one));
+    }
+#endif
+    for (; x < width; ++x)
+      row[x] = row[x] > tops[x & 3] ? 1 : 0;
+  }
+}
+
 }  // namespace
 
 const CxDiffusionKernel* cxDiffusionKernel(long method) {
@@ -312,32 +366,18 @@ void CxImage::ditherRowsInPlace(long method) {
           row[x] = row[x] < kBlackBelow ? 0 : 1;
       }
       return;
-    case 1: {
-      // The level of each value in each cell of the matrix.
-      uint8_t levels[4][4][256];
-      for (int cell = 0; cell < 16; ++cell) {
-        for (int v = 0; v < 256; ++v) {
-          const int level = v * 16 / 255;
-          levels[cell / 4][cell % 4][v] = static_cast<uint8_t>(
-              level / 16 + (kOrderedMatrix[cell / 4][cell % 4] < level % 16 ? 1 : 0));
-        }
-      }
-      for (int64_t y = 0; y < height; ++y) {
-        uint8_t* row = bits + y * stride;
-        for (int64_t x = 0; x < width; ++x)
-          row[x] = levels[y & 3][x & 3][row[x]];
-      }
+    case 1:
+      thresholdCells(bits, stride, width, height, [](int cy, int cx, int v) {
+        const int level = v * 16 / 255;
+        return level / 16 + (kOrderedMatrix[cy][cx] < level % 16 ? 1 : 0);
+      });
       return;
-    }
     case 7: {
       uint8_t table[kGeneratedTableSize];
       generatedOrderTable(table);
-      for (int64_t y = 0; y < height; ++y) {
-        uint8_t* row = bits + y * stride;
-        const uint8_t* cells = table + kGeneratedOrder * (y % kGeneratedOrder);
-        for (int64_t x = 0; x < width; ++x)
-          row[x] = (row[x] >> kGeneratedShift) <= cells[x % kGeneratedOrder] ? 0 : 1;
-      }
+      thresholdCells(bits, stride, width, height, [&table](int cy, int cx, int v) {
+        return (v >> kGeneratedShift) <= table[kGeneratedOrder * cy + cx] ? 0 : 1;
+      });
       return;
     }
     default:
