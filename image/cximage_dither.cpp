@@ -82,79 +82,152 @@ int clampLevel(int n) {
   return std::min(255, std::max(0, n));
 }
 
-// The edges of a row of error diffusion in place, pixels [from, to): each
-// pixel becomes its level (0 or 1) once its error is handed on. The error a
-// cell gets depends only on the pixel's value, so it comes from a table.
-// Cells left or right of the image are dropped, as the checked accessors
-// drop them.
+constexpr bool forwardOnItsRow(const CxDiffusionKernel& k) {
+  for (int c = 0; c < k.cellCount; ++c) {
+    if (k.cells[c].dy == 0 && k.cells[c].dx <= 0)
+      return false;
+  }
+  return true;
+}
+
+// The different weights of the cells on the rows below the pixel; a reduced
+// row keeps one line of shares per weight.
+struct WeightsBelow {
+  int count;
+  int weight[12];
+  int line[12];  // of each cell below: its weight's line
+};
+constexpr WeightsBelow weightsBelow(const CxDiffusionKernel& k) {
+  WeightsBelow w{0, {}, {}};
+  for (int c = 0; c < k.cellCount; ++c) {
+    if (k.cells[c].dy == 0)
+      continue;
+    int line = 0;
+    while (line < w.count && w.weight[line] != k.cells[c].weight)
+      ++line;
+    if (line == w.count)
+      w.weight[w.count++] = k.cells[c].weight;
+    w.line[c] = line;
+  }
+  return w;
+}
+
+// The cells that reach the row `d` below the pixel, rightmost first: the
+// order in which a pixel there gets its shares from the pixels above it.
+struct CellOrder {
+  int count;
+  int cell[12];
+};
+constexpr CellOrder cellsOnRow(const CxDiffusionKernel& k, int d) {
+  CellOrder order{0, {}};
+  for (int dx = kernelReach(k); dx >= -kernelReach(k); --dx) {
+    for (int c = 0; c < k.cellCount; ++c) {
+      if (k.cells[c].dy == d && k.cells[c].dx == dx)
+        order.cell[order.count++] = c;
+    }
+  }
+  return order;
+}
+
+// A reduced row's shares for the rows below it: a line per weight, `pitch`
+// apart, each with `reach` zeros either side (what falls off the image adds
+// nothing).
+struct ShareLines {
+  int16_t* at;  // pixel 0 of the first line
+  int64_t pitch;
+};
+
+// Pixels [from, to) of the row `d` below a reduced row get that row's shares,
+// rightmost cell first, each addition clamped as it always was. Each pixel
+// stands alone, so sixteen are done at once.
+template <const CxDiffusionKernel& K, int d>
+void shareDown(uint8_t* below, ShareLines lines, int64_t from, int64_t to) {
+  constexpr CellOrder order = cellsOnRow(K, d);
+  constexpr WeightsBelow weights = weightsBelow(K);
+  int64_t x = from;
+#if defined(__SSE2__)
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i top = _mm_set1_epi16(255);
+  for (; x + 16 <= to; x += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(below + x));
+    __m128i lo = _mm_unpacklo_epi8(bytes, zero);
+    __m128i hi = _mm_unpackhi_epi8(bytes, zero);
+#pragma GCC unroll 12
+    for (int i = 0; i < order.count; ++i) {
+      const int c = order.cell[i];
+      const int16_t* s = lines.at + weights.line[c] * lines.pitch + x - K.cells[c].dx;
+      lo = _mm_add_epi16(lo, _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
+      hi = _mm_add_epi16(hi, _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 8)));
+      lo = _mm_min_epi16(_mm_max_epi16(lo, zero), top);
+      hi = _mm_min_epi16(_mm_max_epi16(hi, zero), top);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(below + x), _mm_packus_epi16(lo, hi));
+  }
+#endif
+  for (; x < to; ++x) {
+    int v = below[x];
+#pragma GCC unroll 12
+    for (int i = 0; i < order.count; ++i) {
+      const int c = order.cell[i];
+      v = clampLevel(v + lines.at[weights.line[c] * lines.pitch + x - K.cells[c].dx]);
+    }
+    below[x] = static_cast<uint8_t>(v);
+  }
+}
+
+// One row reduced pixel by pixel: each pixel becomes its level (0 or 1) and
+// hands its error to the pixels after it on the row, which wait in registers,
+// and its shares for the rows below to its share lines.
 template <const CxDiffusionKernel& K>
-inline void diffuseSpan(uint8_t* const* rows, const int (*share)[256], int64_t width, int64_t from,
-                        int64_t to) {
-  uint8_t* row = rows[0];
-  for (int64_t x = from; x < to; ++x) {
-    const int g = row[x];
+struct RowChain {
+  static_assert(forwardOnItsRow(K), "a cell on the pixel's own row lies after it");
+  static constexpr int reach = kernelReach(K);
+  static constexpr WeightsBelow weights = weightsBelow(K);
+  uint8_t* row;
+  ShareLines lines;
+  int64_t width;
+  int window[reach + 1];
+
+  void start() {
+#pragma GCC unroll 4
+    for (int j = 0; j <= reach; ++j)
+      window[j] = j < width ? row[j] : 0;
+  }
+  inline void step(int64_t x, const int (*share)[256], const int16_t (*byWeight)[256]) {
+    const int g = window[0];
     row[x] = g < kBlackBelow ? 0 : 1;
 #pragma GCC unroll 12
-    for (int c = 0; c < K.cellCount; ++c) {
-      uint8_t* target = rows[K.cells[c].dy];
-      const int64_t nx = x + K.cells[c].dx;
-      if (nx < 0 || nx >= width)
-        continue;
-      target[nx] = static_cast<uint8_t>(clampLevel(target[nx] + share[c][g]));
-    }
-  }
-}
-
-// The interior of a row, pixels [from, to), where every cell lies inside the
-// row: the pixels the kernel can still change are kept in registers, a window
-// of 2 * reach + 1 per kernel row, and each is stored once it leaves the
-// window. A cell's additions and clamps happen in the same order as above.
-template <const CxDiffusionKernel& K>
-inline void diffuseWindow(uint8_t* const* rows, const int (*share)[256], int64_t from, int64_t to) {
-  constexpr int reach = kernelReach(K);
-  constexpr int depth = kernelDepth(K);
-  constexpr int span = 2 * reach + 1;
-  if (from >= to)
-    return;
-  int window[depth + 1][span];
-#pragma GCC unroll 4
-  for (int d = 0; d <= depth; ++d) {
-#pragma GCC unroll 7
-    for (int j = 0; j < span; ++j)
-      window[d][j] = d > 0 || j >= reach ? rows[d][from - reach + j] : 0;
-  }
-  for (int64_t x = from; x < to; ++x) {
-    const int g = window[0][reach];
-    rows[0][x] = g < kBlackBelow ? 0 : 1;
+    for (int k = 0; k < weights.count; ++k)
+      lines.at[k * lines.pitch + x] = byWeight[k][g];
 #pragma GCC unroll 12
     for (int c = 0; c < K.cellCount; ++c) {
-      int& cell = window[K.cells[c].dy][K.cells[c].dx + reach];
-      cell = clampLevel(cell + share[c][g]);
+      if (K.cells[c].dy == 0)
+        window[K.cells[c].dx] = clampLevel(window[K.cells[c].dx] + share[c][g]);
     }
-    const bool more = x + 1 < to;
 #pragma GCC unroll 4
-    for (int d = 0; d <= depth; ++d) {
-      if (d > 0)
-        rows[d][x - reach] = static_cast<uint8_t>(window[d][0]);
-#pragma GCC unroll 7
-      for (int j = 0; j + 1 < span; ++j)
-        window[d][j] = window[d][j + 1];
-      window[d][span - 1] = more ? rows[d][x + reach + 1] : 0;
-    }
+    for (int j = 0; j < reach; ++j)
+      window[j] = window[j + 1];
+    window[reach] = x + reach + 1 < width ? row[x + reach + 1] : 0;
   }
-  // Back to memory: what is still in the windows, up to the row's last pixel.
-#pragma GCC unroll 4
-  for (int d = 0; d <= depth; ++d) {
-#pragma GCC unroll 7
-    for (int j = d > 0 ? 0 : reach; j + 1 < span; ++j)
-      rows[d][to - reach + j] = static_cast<uint8_t>(window[d][j]);
-  }
-}
+};
 
+// Error diffusion in place. The error a cell gets depends only on the value
+// of the pixel it comes from, so it comes from a table; and a row's errors to
+// the rows below depend only on its values as they were reduced. So rows are
+// reduced two at a time, the second some pixels behind the first: pixels of
+// the second get the first row's shares, sixteen at a time, once the pixels
+// above them are reduced, and the two chains of a pixel waiting for the one
+// before it run side by side. The rows further below then get the shares of
+// the first row, then of the second, in the order the pixels were reduced,
+// each addition clamped as it always was.
 template <const CxDiffusionKernel& K>
 void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height) {
   constexpr int reach = kernelReach(K);
   constexpr int depth = kernelDepth(K);
+  constexpr WeightsBelow weights = weightsBelow(K);
+  // The second row's next pixel must have its shares: they are added up to
+  // 15 pixels late.
+  constexpr int64_t lag = 2 * reach + 17;
   int share[12][256];
   for (int c = 0; c < K.cellCount; ++c) {
     for (int g = 0; g < 256; ++g) {
@@ -162,18 +235,63 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
       share[c][g] = static_cast<int>(error * K.cells[c].weight / K.divisor);
     }
   }
-  // Cells below the last row land in a spare row that nothing reads: the
-  // checked accessors drop them.
-  std::vector<uint8_t> spare(static_cast<size_t>(width));
-  for (int64_t y = 0; y < height; ++y) {
-    uint8_t* rows[depth + 1];
-    for (int d = 0; d <= depth; ++d)
-      rows[d] = y + d < height ? bits + (y + d) * stride : spare.data();
-    const int64_t left = reach < width ? reach : width;
-    const int64_t right = width - reach > left ? width - reach : left;
-    diffuseSpan<K>(rows, share, width, 0, left);
-    diffuseWindow<K>(rows, share, left, right);
-    diffuseSpan<K>(rows, share, width, right, width);
+  int16_t byWeight[12][256];
+  for (int k = 0; k < weights.count; ++k) {
+    for (int g = 0; g < 256; ++g) {
+      const int64_t error = g < kBlackBelow ? g : g - 255;
+      byWeight[k][g] = static_cast<int16_t>(error * weights.weight[k] / K.divisor);
+    }
+  }
+  const int64_t pitch = width + 2 * reach;
+  std::vector<int16_t> storage(static_cast<size_t>(2 * weights.count * pitch));
+  const ShareLines linesA{storage.data() + reach, pitch};
+  const ShareLines linesB{linesA.at + weights.count * pitch, pitch};
+  const auto shareBelow = [&](ShareLines lines, int64_t y, int first) {
+    if (first <= 1 && depth >= 1 && y + 1 < height)
+      shareDown<K, 1>(bits + (y + 1) * stride, lines, 0, width);
+    if (first <= 2 && depth >= 2 && y + 2 < height)
+      shareDown<K, 2>(bits + (y + 2) * stride, lines, 0, width);
+    if (depth >= 3 && y + 3 < height)
+      shareDown<K, 3>(bits + (y + 3) * stride, lines, 0, width);
+  };
+  for (int64_t y = 0; y < height; y += 2) {
+    RowChain<K> a{bits + y * stride, linesA, width, {}};
+    a.start();
+    if (y + 1 == height) {
+      for (int64_t x = 0; x < width; ++x)
+        a.step(x, share, byWeight);
+      break;
+    }
+    RowChain<K> b{a.row + stride, linesB, width, {}};
+    // Pixels of the second row with all the first row's shares.
+    int64_t ready = 0;
+    const auto catchUp = [&](int64_t x, int64_t batch) {
+      const int64_t to = std::min(x + 1 - reach, width);
+      if (to - ready >= batch) {
+        shareDown<K, 1>(b.row, linesA, ready, to);
+        ready = to;
+      }
+    };
+    int64_t x = 0;
+    for (; x < lag; ++x) {
+      if (x < width)
+        a.step(x, share, byWeight);
+      catchUp(x, x + 1 < width + reach ? 16 : 1);
+    }
+    b.start();
+    for (; x < width; ++x) {
+      a.step(x, share, byWeight);
+      catchUp(x, 16);
+      b.step(x - lag, share, byWeight);
+    }
+    for (; x < width + lag; ++x) {
+      catchUp(x, 1);
+      if (x - lag < width)
+        b.step(x - lag, share, byWeight);
+    }
+    // The rows below: the first row's shares, then the second's.
+    shareBelow(linesA, y, 2);
+    shareBelow(linesB, y + 1, 1);
   }
 }
 
