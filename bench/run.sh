@@ -60,7 +60,7 @@ PPD=$PWD/ppd/ostra.ppd PRINTER=bench tests/support/sandbox.sh "$work" bash -c '
   }
   for round in $(seq "$rounds"); do
     for job in a4 a4photo label lblphoto ten; do
-      methods="None Ordered Burkes Tattoo"
+      methods="None FloydSteinberg StevensonArce Ordered Burkes Tattoo"
       [ "$job" = ten ] && methods=None
       run "$job" floor "$build/ostra_io_floor" "$work/$job.ras" /var/spool/cups/tmp/floor
       for m in $methods; do
@@ -79,11 +79,11 @@ awk '
     for (i = 2; i <= m; i++) for (j = i; j > 1 && v[j - 1] > v[j]; j--) { t = v[j]; v[j] = v[j - 1]; v[j - 1] = t }
     return m % 2 ? v[(m + 1) / 2] : (v[m / 2] + v[m / 2 + 1]) / 2 }
   END {
-    printf "%-8s %-8s %9s %9s %8s %8s\n", "job", "run", "wall ms", "cpu ms", "x floor", "peak MB"
+    printf "%-8s %-14s %9s %9s %8s %8s\n", "job", "run", "wall ms", "cpu ms", "x floor", "peak MB"
     for (k = 1; k <= keys; k++) {
       key = order[k]; split(key, p, " "); w = median(wall, key, n[key])
       if (p[2] == "floor") floor[p[1]] = w
-      printf "%-8s %-8s %9.0f %9.0f %8.2f %8.1f\n", p[1], p[2], 1000 * w, 1000 * median(cpu, key, n[key]),
+      printf "%-8s %-14s %9.0f %9.0f %8.2f %8.1f\n", p[1], p[2], 1000 * w, 1000 * median(cpu, key, n[key]),
         (floor[p[1]] > 0 ? w / floor[p[1]] : 0), peak[key] / 1024 }
   }' "$work/runs"
 
