@@ -121,6 +121,8 @@ class KiwaPrinter {
   // Pixel (x, y) of rows `stride` bytes apart.
   static unsigned char getPix(const unsigned char* bits, int stride, int x, int y);
   static void setPix(unsigned char* bits, int stride, int x, int y, unsigned char value);
+  // An image for the page in progress, the last page's block when there is one.
+  std::unique_ptr<CxImage> takeImage();
   // Packs two-level rows to 1 bit per pixel in place; returns the packed bytes.
   int GrayToMono(int rowBytes, int height, unsigned char* buf);
   // Where debug images go: `sink` (not owned) when set, else BMP files in
@@ -165,6 +167,9 @@ class KiwaPrinter {
 
   PrinterState& state_;
   PrinterPaths paths_;
+  // Page images kept from one page for the next: a job's pages reuse their
+  // blocks instead of faulting in fresh memory for each page.
+  std::unique_ptr<CxImage> spareImage_;
   ImageSink* images_ = nullptr;
   std::unique_ptr<BmpImageSink> bmpImages_;
   bool deviceFailed_ = false;

@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "printer/kiwa_printer.h"
 
@@ -155,6 +156,7 @@ bool KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
         // printers expect.
         const int packed = GrayToMono(w, h, bits);
         printed = doPrintImage(bits, packed, pimage.GetHeight(), pimage.GetWidth());
+        spareImage_ = std::move(processed.image);
       }
     }
   }

@@ -75,6 +75,10 @@ void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int wi
   }
 }
 
+std::unique_ptr<CxImage> KiwaPrinter::takeImage() {
+  return spareImage_ ? std::move(spareImage_) : std::make_unique<CxImage>();
+}
+
 ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride,
                                        int width, int height, unsigned char* out, size_t outSize) {
   const bool fast = kiwaFastPixels();
@@ -88,7 +92,7 @@ ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* d
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
                 useRVDithering_ ? "enabled" : "disabled");
 
-  auto image = std::make_unique<CxImage>();
+  std::unique_ptr<CxImage> image = takeImage();
   if (!image->CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
                               static_cast<uint32_t>(stride), false)) {
     kiwaLogCommon(KIWA_LOG_CRIT, "cximage.CreateFromArray with grey failed!");
@@ -147,7 +151,7 @@ ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* d
     kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
                   resultStride, width);
     // Rows of the result are `width` bytes long, whatever resultStride says.
-    page.image = std::make_unique<CxImage>();
+    page.image = takeImage();
     if (!result || result->data() == nullptr ||
         !page.image->CreateFromArray(result->data(), static_cast<uint32_t>(width),
                                      static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
