@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "common/kiwa_common.h"
+#include "printer/kiwa_printer.h"
 
 namespace {
 
@@ -120,4 +122,25 @@ void BmpImageSink::discardPage() {
   for (const std::string& name : pageImages_)
     unlink(name.c_str());
   pageImages_.clear();
+}
+
+ImageSink* KiwaPrinter::imageSink() {
+  if (images_ != nullptr || !paths_.debugImages)
+    return images_;
+  if (!bmpImages_)
+    bmpImages_ = std::make_unique<BmpImageSink>(paths_.imageDir, state_.page_index);
+  return bmpImages_.get();
+}
+
+void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
+                            unsigned long bytesPerLine, unsigned long height, unsigned long width,
+                            unsigned short bpp) {
+  ImageSink* images = data != nullptr ? imageSink() : nullptr;
+  if (images != nullptr)
+    images->saveImage(prefix, data, bytesPerLine, height, width, bpp);
+}
+
+void KiwaPrinter::discardPageImages() {
+  if (ImageSink* images = imageSink())
+    images->discardPage();
 }

@@ -8,13 +8,6 @@
 
 namespace {
 
-constexpr int kMinAdjust = -100;
-constexpr int kMaxAdjust = 100;
-
-int clampTo(int value, int low, int high) {
-  return value < low ? low : value > high ? high : value;
-}
-
 const char kNotice[] = "rastertoostra 1.0.0 for Kiwa Ostra printers\r";
 
 std::string hexNotice() {
@@ -38,35 +31,6 @@ KiwaPrinter::KiwaPrinter(PrinterState& state, const PrinterPaths& paths)
 }
 
 KiwaPrinter::~KiwaPrinter() = default;
-
-ImageSink* KiwaPrinter::imageSink() {
-  if (images_ != nullptr || !paths_.debugImages)
-    return images_;
-  if (!bmpImages_)
-    bmpImages_ = std::make_unique<BmpImageSink>(paths_.imageDir, state_.page_index);
-  return bmpImages_.get();
-}
-
-void KiwaPrinter::saveImage(const char* prefix, const unsigned char* data,
-                            unsigned long bytesPerLine, unsigned long height, unsigned long width,
-                            unsigned short bpp) {
-  ImageSink* images = data != nullptr ? imageSink() : nullptr;
-  if (images != nullptr)
-    images->saveImage(prefix, data, bytesPerLine, height, width, bpp);
-}
-
-void KiwaPrinter::discardPageImages() {
-  if (ImageSink* images = imageSink())
-    images->discardPage();
-}
-
-void KiwaPrinter::setBrightness(int value) {
-  brightness_ = clampTo(value, kMinAdjust, kMaxAdjust);
-}
-
-void KiwaPrinter::setContrast(int value) {
-  contrast_ = clampTo(value, kMinAdjust, kMaxAdjust);
-}
 
 const char* KiwaPrinter::getCopyRight() const {
   static const std::string text = hexNotice();

@@ -5,6 +5,7 @@
 
 #include <cups/raster.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -53,6 +54,8 @@ size_t kiwaImageCountBlankLinesFromBack(const unsigned char* data, size_t bytesP
 class KiwaPrinter {
  public:
   class UserData;
+  static constexpr int kMinAdjust = -100;  // brightness and contrast
+  static constexpr int kMaxAdjust = 100;
 
   KiwaPrinter(PrinterState& state, const PrinterPaths& paths = PrinterPaths());
   virtual ~KiwaPrinter();
@@ -60,9 +63,9 @@ class KiwaPrinter {
   KiwaPrinter& operator=(const KiwaPrinter&) = delete;
 
   // Settings; out-of-range values are clamped, never refused.
-  void setBrightness(int value);
+  void setBrightness(int value) { brightness_ = std::clamp(value, kMinAdjust, kMaxAdjust); }
   int getBrightness() const { return brightness_; }
-  void setContrast(int value);
+  void setContrast(int value) { contrast_ = std::clamp(value, kMinAdjust, kMaxAdjust); }
   int getContrast() const { return contrast_; }
   void setHalftoneType(DitherType type) { halftoneType_ = type; }
   DitherType getHalftoneType() const { return halftoneType_; }

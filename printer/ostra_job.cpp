@@ -7,8 +7,12 @@ namespace {
 
 constexpr double kMmPerInch = 25.4;
 
-}  // namespace
+struct OstraHeaderField {
+  const char* name;  // null when every field fits
+  uint32_t value, low, high;
+};
 
+// The first field of a page header outside what the printer can take.
 OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& h) {
   const OstraHeaderField fields[] = {
       {"cupsWidth", h.cupsWidth, 1, kOstraMaxPageWidthDots},
@@ -24,6 +28,8 @@ OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& h) {
   return OstraHeaderField{nullptr, 0, 0, 0};
 }
 
+}  // namespace
+
 void updatePageSettings(Settings* settings, const cups_page_header2_t& h, const char* jobId) {
   settings->pageWidth = static_cast<float>(h.cupsWidth * kMmPerInch / h.HWResolution[0]);
   settings->pageHeight = static_cast<float>(h.cupsHeight * kMmPerInch / h.HWResolution[1]);
@@ -38,6 +44,24 @@ void updatePageSettings(Settings* settings, const cups_page_header2_t& h, const 
   const size_t idLen = strnlen(jobId, sizeof(settings->JobId));
   memset(settings->JobId, 0, sizeof(settings->JobId));
   memcpy(settings->JobId, jobId, idLen);
+}
+
+void jobSetup(OstraPrinter* printer, const Settings* settings) {
+  if (printer == nullptr || settings == nullptr)
+    return;
+  printer->records().loadCounter(&printer->state().PageNum);
+  printer->SendPrintSetting();
+}
+
+void jobEnd(OstraPrinter* printer, const Settings* settings) {
+  if (printer == nullptr || settings == nullptr)
+    return;
+  uint16_t& pageNum = printer->state().PageNum;
+  if (pageNum >= kPageNumWrap)
+    pageNum = 1;
+  RecordFailure failure;
+  if (!printer->records().storeCounter(pageNum, &failure))
+    printer->reportWriteFailure(failure.what, failure.path, failure.error);
 }
 
 OstraJob::OstraJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings,

@@ -49,24 +49,6 @@ RecordSink& OstraPrinter::records() {
   return *fileRecords_;
 }
 
-void jobSetup(OstraPrinter* printer, const Settings* settings) {
-  if (printer == nullptr || settings == nullptr)
-    return;
-  printer->records().loadCounter(&printer->state().PageNum);
-  printer->SendPrintSetting();
-}
-
-void jobEnd(OstraPrinter* printer, const Settings* settings) {
-  if (printer == nullptr || settings == nullptr)
-    return;
-  uint16_t& pageNum = printer->state().PageNum;
-  if (pageNum >= kPageNumWrap)
-    pageNum = 1;
-  RecordFailure failure;
-  if (!printer->records().storeCounter(pageNum, &failure))
-    printer->reportWriteFailure(failure.what, failure.path, failure.error);
-}
-
 bool OstraPrinter::SendPrintSetting() {
   uint8_t bPrnSet[7] = {0x1B, 0x73, 0x01, 0x00, 0x00, 0x00, 0x00};
   // The printer counts speeds from 2: "2" is sent as 0, "5" as 3.

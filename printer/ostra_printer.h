@@ -72,32 +72,4 @@ class OstraPrinter : public KiwaPrinter {
   std::unique_ptr<FileRecordSink> fileRecords_;
 };
 
-// The largest page header accepted, checked before anything is allocated.
-// The widest media the head covers is 8.5 in (MaxMediaWidth 612 pt), 2550
-// dots at 300 dpi, the highest resolution offered; the longest page is a
-// continuous label. Each limit leaves room to spare, and the height keeps
-// every count of the page record within its 16 bits.
-constexpr uint32_t kOstraMaxPageWidthDots = 4096;    // 13.6 in at 300 dpi
-constexpr uint32_t kOstraMaxPageHeightDots = 32767;  // 2.77 m at 300 dpi
-constexpr uint32_t kOstraMaxResolutionDpi = 1200;    // four times the highest offered
-
-struct OstraHeaderField {
-  const char* name;  // null when every field fits
-  uint32_t value, low, high;
-};
-// The first field of a page header outside what the printer can take.
-OstraHeaderField ostraBadHeaderField(const cups_page_header2_t& header);
-
-// The page's own settings from its raster header: the real page size in
-// millimetres, the media width in dots at this page's resolution, and the
-// job id.
-void updatePageSettings(Settings* settings, const cups_page_header2_t& header, const char* jobId);
-
-// Per page, before its pixels are read: reload the page counter and send the
-// print-setting block.
-void jobSetup(OstraPrinter* printer, const Settings* settings);
-// Once after the last page: wrap the counter at 9000 and store it. A page
-// directory that does not exist yet means no page was kept: nothing is stored.
-void jobEnd(OstraPrinter* printer, const Settings* settings);
-
 #endif  // OSTRA_PRINTER_OSTRA_PRINTER_H

@@ -1,7 +1,13 @@
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+#include <new>
 #include <utility>
 
+#include "enhance/rv_enhance.h"
 #include "printer/kiwa_printer.h"
 
 namespace {
@@ -24,6 +30,41 @@ bool rowIsBlank(const unsigned char* data, size_t pageBytes, size_t offset, size
 }
 
 using Buffer = std::unique_ptr<unsigned char, KiwaFree>;
+
+constexpr int kBrightnessScale = 5;
+constexpr int kContrastScale = 2;
+
+bool isStencilType(DitherType type) {
+  return type == DITHER_TATTOO || type == DITHER_TATTOO_Q7;
+}
+
+// The bytes the chain reads from the staging copy: the first width x height
+// bytes of rows `stride` apart, each row's pixels followed by zeros.
+RVImage stencilSource(const CxImage& image, int width, int height, int stride) {
+  RVImage source(width, height, RV_IMG_GRAY);
+  const int64_t n = source.byteCount();
+  for (int64_t y = 0; y < height && y * stride < n; ++y) {
+    const int64_t start = y * stride;
+    const int64_t count = width < n - start ? width : n - start;
+    memcpy(source.data() + start, image.GetBits(static_cast<uint32_t>(y)),
+           static_cast<size_t>(count));
+  }
+  return source;
+}
+
+// Each byte with its bits in the opposite order: a mask with pixel 0 in bit 0
+// becomes a packed byte with pixel 0 in the top bit.
+struct ReversedBits {
+  ReversedBits() noexcept {
+    for (int i = 0; i < 256; ++i) {
+      int r = 0;
+      for (int b = 0; b < 8; ++b)
+        r |= ((i >> b) & 1) << (7 - b);
+      of[i] = static_cast<unsigned char>(r);
+    }
+  }
+  unsigned char of[256];
+};
 
 }  // namespace
 
@@ -176,4 +217,194 @@ bool KiwaPrinter::printImage(const unsigned char* data, unsigned long bytesPerLi
   }
   kiwaLogCommon(KIWA_LOG_DEBUG, "printImage: Image processing completed");
   return printed;
+}
+
+void KiwaPrinter::copyPixels(CxImage& image, unsigned char* out, int width, int height, int stride,
+                             size_t outSize) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const size_t at = static_cast<size_t>(y) * stride + x;
+      if (at < outSize)
+        out[at] = image.GetPixelIndex(x, y);
+    }
+  }
+}
+
+void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int width, int height,
+                                      int stride, size_t outSize) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      unsigned char v = image->GetPixelIndex(x, y);
+      if (v == 1)
+        v = 255;
+      if (isNegativePrint())
+        v = static_cast<unsigned char>(~v);
+      const size_t at = static_cast<size_t>(y) * stride + x;
+      if (at < outSize)
+        out[at] = v;
+    }
+  }
+}
+
+std::unique_ptr<CxImage> KiwaPrinter::takeImage() {
+  return spareImage_ ? std::move(spareImage_) : std::make_unique<CxImage>();
+}
+
+ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride,
+                                       int width, int height, unsigned char* out, size_t outSize) {
+  const bool fast = kiwaFastPixels();
+  ProcessedPage page;
+  const auto failed = [&page](const char* step) {
+    page.image.reset();
+    page.failure = step;
+    return std::move(page);
+  };
+  useRVDithering_ = isStencilType(halftoneType_);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
+                useRVDithering_ ? "enabled" : "disabled");
+
+  std::unique_ptr<CxImage> image = takeImage();
+  if (!image->CreateFromArray(data, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8,
+                              static_cast<uint32_t>(stride), false)) {
+    kiwaLogCommon(KIWA_LOG_CRIT, "cximage.CreateFromArray with grey failed!");
+    return failed("CreateFromArray");
+  }
+  kiwaLogCommon(KIWA_LOG_DEBUG,
+                "PageProcess: Successfully created CxImage from array with stride %d", stride);
+
+  if (brightness_ != 0 || contrast_ != 0) {
+    image->Light(brightness_ * kBrightnessScale, contrast_ * kContrastScale);
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Adjusted brightness to %d and contrast to %d",
+                  brightness_ * kBrightnessScale, contrast_ * kContrastScale);
+  }
+  // Rotation always comes before mirroring.
+  if (isRotate180Print()) {
+    image->Rotate180();
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Rotated the image 180 degrees");
+  }
+  // Short of memory, the transforms leave the image without pixels.
+  if (!image->IsValid())
+    return failed("Rotate180");
+  if (isMirrorPrint()) {
+    image->Mirror();
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Mirrored the image");
+  }
+  if (!image->IsValid())
+    return failed("Mirror");
+
+  if (useRVDithering_) {
+    // The staging copy in `out` is what the chain reads in the reference
+    // path; the fast path builds the same bytes straight into the chain's image.
+    const bool staged = !fast || stride < width;
+    if (staged)
+      copyPixels(*image, out, width, height, stride, outSize);
+    kiwaLogCommon(KIWA_LOG_DEBUG,
+                  "PageProcess: Copied pixels to the output buffer for RV dithering, with stride "
+                  "%d, EffWidth %d",
+                  stride, static_cast<int>(image->GetEffWidth()));
+    // The chain reads the first width x height bytes as packed rows, which is
+    // the page exactly when the stride equals the width, as on 8-bit pages.
+    // The chain allocates with new; no memory ends the page, not the job.
+    std::unique_ptr<RVImage> result;
+    try {
+      RVImage source = staged ? RVImage(width, height, RV_IMG_GRAY, out)
+                              : stencilSource(*image, width, height, stride);
+      // Nothing reads the gray page after this; a page less in memory while
+      // the chain runs.
+      image.reset();
+      result =
+          std::make_unique<RVImage>(halftoneType_ == DITHER_TATTOO_Q7 ? rvTattooDitheringQ7(source)
+                                                                      : rvTattooDithering(source));
+    } catch (const std::bad_alloc&) {
+      result.reset();
+    }
+    const int resultStride = result ? (result->width + 3) / 4 * 4 : 0;
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied RV dithering with stride %d, width %d",
+                  resultStride, width);
+    // Rows of the result are `width` bytes long, whatever resultStride says.
+    page.image = takeImage();
+    if (!result || result->data() == nullptr ||
+        !page.image->CreateFromArray(result->data(), static_cast<uint32_t>(width),
+                                     static_cast<uint32_t>(height), 8, static_cast<uint32_t>(width),
+                                     false)) {
+      kiwaLogCommon(KIWA_LOG_ERROR,
+                    "PageProcess: Failed to create a new CxImage from RV dithered data");
+      return failed("stencil chain");
+    }
+    kiwaLogCommon(KIWA_LOG_DEBUG,
+                  "PageProcess: Successfully created a new CxImage from RV dithered data");
+  } else {
+    // A page left gray would print every non-white byte as a dot.
+    if (fast ? !image->Dither8(method) : !image->Dither(method))
+      return failed("Dither");
+    if (!image->IncreaseBpp(8))
+      return failed("IncreaseBpp");
+    page.image = std::move(image);
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Applied default dithering and increased bit depth");
+  }
+
+  CxImage* pimage = page.image.get();
+  kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: negativePrint_ %d", isNegativePrint() ? 1 : 0);
+  if (isNegativePrint()) {
+    kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: Inverting the image for negative print");
+    pimage->Negative();
+  }
+  // After negation, so the frame is never inverted.
+  if (antiWrinkle_ != 0)
+    EnableAntiWrink(*pimage);
+
+  // copyProcessedPixels inverts again under negative printing, so `out` holds
+  // the page inverted twice; the printer prints from the processed image, not
+  // from `out`, so the fast path leaves it out.
+  const int rowBytes = static_cast<int>(pimage->GetEffWidth());
+  if (!fast) {
+    copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()),
+                        static_cast<int>(pimage->GetHeight()), rowBytes, outSize);
+  }
+  page.length = static_cast<long>(height) * rowBytes;
+  kiwaLogCommon(KIWA_LOG_DEBUG,
+                "PageProcess: Filled the output buffer with processed pixels, length: %d",
+                static_cast<int>(page.length));
+  return page;
+}
+
+int KiwaPrinter::GrayToMono(int rowBytes, int height, unsigned char* buf) {
+  const unsigned long skip = skipRightPixels_;
+  int wb = rowBytes;
+  if (skip != 0 && skip < static_cast<unsigned long>(rowBytes))
+    wb = rowBytes - static_cast<int>(skip);
+  kiwaLogCommon(KIWA_LOG_DEBUG, "GrayToMono, bpl(%d), h(%d), skipPixels(%d), wb(%d)", rowBytes,
+                height, static_cast<int>(skip), wb);
+
+  // Packed in place: every output byte lands at or before the byte being read.
+  const bool fast = kiwaFastPixels();
+  size_t o = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* row = buf + static_cast<size_t>(y) * rowBytes;
+    unsigned char acc = 0;
+    int x = 0;
+#if defined(__SSE2__)
+    // Sixteen pixels at a time; the bytes are loaded before the two packed
+    // bytes, which lie before them, are stored.
+    static const ReversedBits kReversed;
+    for (; fast && x + 16 <= wb; x += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+      const unsigned ink =
+          ~static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
+      buf[o++] = kReversed.of[ink & 0xFF];
+      buf[o++] = kReversed.of[(ink >> 8) & 0xFF];
+    }
+#endif
+    for (; x < wb; ++x) {
+      if (row[x] != 0)
+        acc |= static_cast<unsigned char>(0x80 >> (x % 8));
+      if (x % 8 == 7) {
+        buf[o++] = acc;
+        acc = 0;
+      }
+    }
+    if (wb % 8 != 0)
+      buf[o++] = acc;
+  }
+  return static_cast<int>(o);
 }
