@@ -73,6 +73,29 @@ TEST(AppOptions, IppValuesBecomeTheFiltersSettings) {
             "LabelGaps 3 0 1 None 0 0 | 4 1 Shop_Labels");
 }
 
+// Each end of the two IPP ranges that become a level: at the edge, one past
+// it, and whatever integers a client may send.
+TEST(AppOptions, DarknessAndSpeedAtTheirEdges) {
+  const struct {
+    int configured, adjustment, level;
+  } darkness[] = {{33, 0, 0},
+                  {34, 0, 1},
+                  {0, 66, 1},
+                  {0, 67, 2},
+                  {100, -67, 0},
+                  {100, -66, 1},
+                  {INT32_MIN, INT32_MIN, 0},
+                  {INT32_MAX, INT32_MAX, 2}};
+  for (const auto& d : darkness)
+    EXPECT_EQ(appDarknessLevel(d.configured, d.adjustment), d.level)
+        << d.configured << " " << d.adjustment;
+  // Hundredths of a millimetre a second, rounded to inches, 2 to 6.
+  const int speed[][2] = {{6349, 2},  {6350, 3},  {13969, 5},     {13970, 6},
+                          {16510, 6}, {-1271, 2}, {INT32_MIN, 2}, {INT32_MAX, 6}};
+  for (const auto& s : speed)
+    EXPECT_EQ(appSpeedInches(s[0]), s[1]) << s[0];
+}
+
 // Every size of the shipped PPD, by name and size, in its order.
 TEST(AppOptions, MediaAreThePpdSizes) {
   ppd_file_t* ppd = ppdOpenFile(OSTRA_SOURCE_DIR "/ppd/ostra.ppd");

@@ -1,5 +1,6 @@
 // The printer object where the golden jobs cannot reach: a page short of
-// memory at each allocation, and the barcode touch-ups on hand-made pages.
+// memory at each allocation, the barcode touch-ups on hand-made pages, the
+// page checks at each limit, and a job's records kept in memory.
 // (Rotation, contrast, trims, skips and the frame are set by no front end.)
 #include <gtest/gtest.h>
 
@@ -206,6 +207,57 @@ TEST_F(Printer, ColumnScanStaggersAndTrimsBarEnds) {
     }
     captureLog([&] { p.OptimazeBarcode2(page.b.data(), page.w, page.h); });
     EXPECT_EQ(page.b, expected.b) << c.in;
+  }
+}
+
+// Each limit of a page header: exactly at it the page prints, one past it is
+// refused naming the field; a zero height or row size ends the pages.
+TEST(Job, PageHeaderAtEachLimit) {
+  using Header = cups_page_header2_t;
+  using Check = OstraJob::Check;
+  const struct {
+    void (*change)(Header&);
+    Check check;
+    const char* why;
+  } cases[] = {
+      {[](Header&) {}, Check::Print, ""},
+      {[](Header& h) { h.cupsWidth = h.cupsBytesPerLine = 4096; }, Check::Print, ""},
+      {[](Header& h) { h.cupsWidth = h.cupsBytesPerLine = 4097; }, Check::Refused,
+       "cupsWidth is 4097, must be 1 to 4096"},
+      {[](Header& h) { h.cupsWidth = 0; }, Check::Refused, "cupsWidth is 0, must be 1 to 4096"},
+      {[](Header& h) { h.cupsHeight = 32767; }, Check::Print, ""},
+      {[](Header& h) { h.cupsHeight = 32768; }, Check::Refused,
+       "cupsHeight is 32768, must be 1 to 32767"},
+      {[](Header& h) { h.cupsHeight = 0; }, Check::EndOfPages, ""},
+      {[](Header& h) { h.cupsBytesPerLine = 4096; }, Check::Print, ""},
+      {[](Header& h) { h.cupsBytesPerLine = 4097; }, Check::Refused,
+       "cupsBytesPerLine is 4097, must be 100 to 4096"},
+      {[](Header& h) { h.cupsBytesPerLine = 99; }, Check::Refused,
+       "cupsBytesPerLine is 99, must be 100 to 4096"},
+      {[](Header& h) { h.cupsBytesPerLine = 0; }, Check::EndOfPages, ""},
+      {[](Header& h) { h.HWResolution[0] = h.HWResolution[1] = 1200; }, Check::Print, ""},
+      {[](Header& h) { h.HWResolution[0] = 1201; }, Check::Refused,
+       "HWResolution[0] is 1201, must be 1 to 1200"},
+      {[](Header& h) { h.HWResolution[1] = 0; }, Check::Refused,
+       "HWResolution[1] is 0, must be 1 to 1200"},
+      {[](Header& h) { h.cupsBitsPerPixel = 1; }, Check::Refused,
+       "Unsupported bits per pixel : 1 ! Requires 8 bits per pixel!"},
+      {[](Header& h) { h.cupsBitsPerPixel = 16; }, Check::Refused,
+       "Unsupported bits per pixel : 16 ! Requires 8 bits per pixel!"},
+  };
+  for (const auto& c : cases) {
+    Header h{};
+    h.cupsWidth = h.cupsBytesPerLine = 100;
+    h.cupsHeight = 50;
+    h.cupsBitsPerPixel = 8;
+    h.HWResolution[0] = h.HWResolution[1] = 203;
+    c.change(h);
+    std::string why;
+    EXPECT_EQ(OstraJob::checkPage(h, &why), c.check) << c.why;
+    // Header fields come after "Unsupported page header: ".
+    const size_t n = strlen(c.why);
+    EXPECT_EQ(why.size() < n ? why : why.substr(why.size() - n), c.why);
+    EXPECT_EQ(why.empty(), n == 0) << why;
   }
 }
 
