@@ -242,10 +242,11 @@ void diffuseInPlace(uint8_t* bits, int64_t stride, int64_t width, int64_t height
       byWeight[k][g] = static_cast<int16_t>(error * weights.weight[k] / K.divisor);
     }
   }
-  const int64_t pitch = width + 2 * reach;
-  std::vector<int16_t> storage(static_cast<size_t>(2 * weights.count * pitch));
+  const int64_t pitch = width + int64_t{2} * reach;
+  const int64_t lineCount = weights.count;
+  std::vector<int16_t> storage(static_cast<size_t>(2 * lineCount * pitch));
   const ShareLines linesA{storage.data() + reach, pitch};
-  const ShareLines linesB{linesA.at + weights.count * pitch, pitch};
+  const ShareLines linesB{linesA.at + lineCount * pitch, pitch};
   const auto shareBelow = [&](ShareLines lines, int64_t y, int first) {
     if (first <= 1 && depth >= 1 && y + 1 < height)
       shareDown<K, 1>(bits + (y + 1) * stride, lines, 0, width);

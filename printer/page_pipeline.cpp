@@ -247,18 +247,16 @@ void KiwaPrinter::copyProcessedPixels(CxImage* image, unsigned char* out, int wi
 }
 
 std::unique_ptr<CxImage> KiwaPrinter::takeImage() {
-  return spareImage_ ? std::move(spareImage_) : std::make_unique<CxImage>();
+  if (spareImage_)
+    return std::move(spareImage_);
+  return std::make_unique<CxImage>();
 }
 
 ProcessedPage KiwaPrinter::PageProcess(DitherType method, const unsigned char* data, int stride,
                                        int width, int height, unsigned char* out, size_t outSize) {
   const bool fast = kiwaFastPixels();
   ProcessedPage page;
-  const auto failed = [&page](const char* step) {
-    page.image.reset();
-    page.failure = step;
-    return std::move(page);
-  };
+  const auto failed = [](const char* step) { return ProcessedPage{nullptr, step, 0}; };
   useRVDithering_ = isStencilType(halftoneType_);
   kiwaLogCommon(KIWA_LOG_DEBUG, "PageProcess: RV dithering is %s",
                 useRVDithering_ ? "enabled" : "disabled");
