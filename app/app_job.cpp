@@ -147,9 +147,10 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 }
 
 AppJob::AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
-               FILE* device)
+               FILE* device, RecordSink* records)
     : records_(paths.spoolDir, settings.PrinterName, true),
-      job_(state, paths, settings, std::to_string(jobId), &records_) {
+      job_(state, paths, settings, std::to_string(jobId),
+           records != nullptr ? records : &records_) {
   if (device != nullptr)
     job_.addDevice(device);
 }

@@ -66,13 +66,14 @@ Settings appJobSettings(const AppJobValues& values, const std::string& printerNa
 float appMaxMediaWidthMm();
 
 // One job on one printer, fed row by row: the core's job behind IPP's pages.
-// The setting block of each page goes to `device`; the page records and the
-// counter go to the printer's page directory, written as the filter writes
-// them, with the counter's journal beside it.
+// The setting block of each page goes to `device` (none when null); the page
+// records and the counter go to `records`, or when null to the printer's page
+// directory, written as the filter writes them, with the counter's journal
+// beside it.
 class AppJob {
  public:
   AppJob(PrinterState& state, const PrinterPaths& paths, const Settings& settings, int jobId,
-         FILE* device);
+         FILE* device, RecordSink* records = nullptr);
   AppJob(const AppJob&) = delete;
   AppJob& operator=(const AppJob&) = delete;
 

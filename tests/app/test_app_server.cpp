@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "app/app_access.h"
+#include "app/app_proof.h"
 #include "app/ostra_app.h"
 #include "tests/support/filter_runner.h"
 #include "tests/support/raster_writer.h"
@@ -276,6 +277,72 @@ TEST_F(AppServer, AnswersAndPrints) {
     // Each job sent its setting block to the device: speed 4, Middle.
     EXPECT_EQ(readFile(dir + "/dev/black.pwg.prn"), std::string("\x1bs\x01\x00\x00\x02\x01", 7));
   }
+}
+
+// A proof is what a print makes: for every halftone type the record a proof
+// holds is the record the same image printed with the same options leaves,
+// byte for byte, and proofs write nothing. The proof page shows those dots.
+TEST_F(AppServer, ProofIsWhatPrints) {
+  start("private-server=yes");
+  Client client(socket);
+  ASSERT_TRUE(client.connected());
+  const std::string image = dir + "/sample-1.png";
+  ASSERT_EQ(sh("pdftoppm -r 40 -gray -png -f 1 -l 1 " OSTRA_SOURCE_DIR "/samples/sample.pdf '" +
+               dir + "/sample'"),
+            0);
+  pappl_printer_t* printer = papplSystemFindPrinter(app, kResource, 0, nullptr);
+  ASSERT_NE(printer, nullptr);
+  std::string record, last;
+  int page = 0;
+  for (const std::string& halftone : appVendorOptions()[0].values) {
+    ipp_t* attrs = ippNew();
+    ippAddString(attrs, IPP_TAG_JOB, IPP_TAG_KEYWORD, "media", nullptr, kMedia);
+    ippAddString(attrs, IPP_TAG_JOB, IPP_TAG_KEYWORD, "halftone-type", nullptr, halftone.c_str());
+    const AppProof proof = appProofDocument(printer, image, attrs, dir + "/pages");
+    ippDelete(attrs);
+    ASSERT_EQ(proof.records.size(), 1u) << halftone << proof.error;
+    const int id = client.print(image, "image/png", "halftone-type", halftone.c_str());
+    char name[64];
+    snprintf(name, sizeof name, "/pages/page_%04d_jobid_%06d_0000.dat", ++page, id);
+    last = dir + name;
+    record = readFile(last);
+    EXPECT_EQ(std::string(proof.records[0].bytes.begin(), proof.records[0].bytes.end()), record)
+        << halftone;
+  }
+  EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 10"), 0);
+
+  // The page, as a browser sends it: the form's session, the image, the
+  // options. Its picture is ostra-preview's of the last record.
+  const std::string curl = "curl -s --unix-socket '" + socket + "' http://localhost/ostra/proof";
+  for (int i = 0; i < 100 && sh(curl + " | grep -q 'name=\"session\"'") != 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // added at the first save
+  ASSERT_EQ(sh(curl + " | sed -n 's/.*name=\"session\" value=\"\\([^\"]*\\)\".*/\\1/p' >'" + dir +
+               "/session'"),
+            0);
+  std::string session = readFile(dir + "/session");
+  session.erase(session.find_last_not_of('\n') + 1);
+  ASSERT_EQ(sh(curl + " -F session=" + session + " -F 'document=@" + image +
+               "' -F media=" + kMedia + " -F halftone-type=tattoo-q7 >'" + dir + "/proof.html'"),
+            0);
+  ASSERT_EQ(sh("sed -n 's/.*base64,\\([^\"]*\\)\".*/\\1/p' '" + dir +
+               "/proof.html' | base64 -d >'" + dir + "/proof.png'"),
+            0);
+  ASSERT_EQ(sh("'" OSTRA_PREVIEW_PATH "' -o '" + dir + "' '" + last + "' >/dev/null"), 0);
+  auto pixels = [](const std::string& path) {
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    std::vector<unsigned char> gray;
+    if (png_image_begin_read_from_file(&png, path.c_str()) != 0) {
+      png.format = PNG_FORMAT_GRAY;
+      gray.resize(PNG_IMAGE_SIZE(png));
+      png_image_finish_read(&png, nullptr, gray.data(), 0, nullptr);
+    }
+    return gray;
+  };
+  const std::vector<unsigned char> shown = pixels(dir + "/proof.png");
+  EXPECT_GT(shown.size(), 1000u);
+  const std::string preview = last.substr(last.rfind('/'));
+  EXPECT_TRUE(shown == pixels(dir + preview.substr(0, preview.size() - 4) + ".png"));
 }
 
 // A document that cannot be printed as sent aborts its own job within 10 s,

@@ -1,0 +1,39 @@
+// Proofs: the page records a print of a document would make, worked out by
+// the same image filter, driver callbacks and core job as the print, in memory.
+#ifndef OSTRA_APP_APP_PROOF_H
+#define OSTRA_APP_APP_PROOF_H
+
+#include <pappl/pappl.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "printer/kiwa_printer.h"
+#include "printer/record_sink.h"
+
+struct AppProof {
+  std::vector<MemoryRecordSink::Record> records;  // as a print would keep them, in order
+  std::string error;                              // why there are none
+};
+
+// The proof of `file` (a PNG or JPEG image, by its first bytes) on `printer`
+// with the job template attributes `attrs` a Print-Job of it would carry.
+// Nothing is written to the page directory and the page counter stays; the
+// records carry the page numbers the next print would take, as the counter
+// in `pageDirectory` says.
+AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp_t* attrs,
+                          const std::string& pageDirectory);
+
+// The proof running as `job`, or null when `job` is a print: its records go
+// to memory and its counter is its own.
+struct AppProofRun;
+AppProofRun* appProofRun(pappl_job_t* job);
+PrinterState& appProofState(AppProofRun* run);
+RecordSink& appProofRecords(AppProofRun* run);
+
+// A page record's dots as a PNG (black dots on white), written by libpng.
+bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
+                  std::string* error);
+
+#endif  // OSTRA_APP_APP_PROOF_H
