@@ -55,6 +55,39 @@ void copyText(char* dst, size_t size, const std::string& text) {
 
 }  // namespace
 
+// What the web page shows for the vendor options. The halftone names run one
+// place ahead of the methods, so each label says what really runs.
+const char* const kAppStrings = R"strings("halftone-type" = "Halftone method";
+"halftone-type.none" = "None (threshold)";
+"halftone-type.floyd-steinberg" = "FloydSteinberg (runs a 4 x 4 ordered matrix)";
+"halftone-type.ordered" = "Ordered (runs Burkes diffusion)";
+"halftone-type.burkes" = "Burkes (runs Stucki diffusion)";
+"halftone-type.stucki" = "Stucki (runs Jarvis, Judice and Ninke diffusion)";
+"halftone-type.jarvis-judice-ninke" = "Jarvis, Judice and Ninke (runs Sierra diffusion)";
+"halftone-type.sierra" = "Sierra (runs Stevenson and Arce diffusion)";
+"halftone-type.stevenson-arce" = "StevensonArce (runs a generated ordered matrix)";
+"halftone-type.tattoo" = "Tattoo stencil";
+"halftone-type.tattoo-q7" = "Tattoo stencil Q7";
+"mirror-image" = "Mirror image";
+"negative-image" = "Negative image";
+"brightness" = "Brightness";
+"gap-height" = "Gap between labels (mm)";
+"barcode-thinning" = "Barcode bar thinning";
+"barcode-thinning.off" = "Off";
+"barcode-thinning.rows" = "Dash long lines, trim row edges";
+"barcode-thinning.columns" = "Dash long lines, trim column ends";
+)strings";
+
+std::string appLabel(const std::string& key) {
+  const std::string start = "\n\"" + key + "\" = \"";
+  const std::string text = std::string("\n") + kAppStrings;
+  const size_t at = text.find(start);
+  if (at == std::string::npos)
+    return key;
+  const size_t from = at + start.size();
+  return text.substr(from, text.find('"', from) - from);
+}
+
 const AppMedia kAppMedia[] = {
     {"oe_4x6-label_4x6in", "w288h432", 288, 432},
     {"oe_4x4-label_4x4in", "w288h288", 288, 288},

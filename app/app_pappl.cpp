@@ -20,7 +20,6 @@
 #include "app/app_pappl_fixes.h"
 #include "app/app_proof.h"
 #include "app/ostra_app.h"
-#include "tools/page_record.h"
 
 namespace {
 
@@ -36,29 +35,6 @@ pappl_pr_driver_t kDrivers[] = {
     {"ostra_203", "Kiwa Ostra 203 dpi", "MFG:Kiwa;MDL:Ostra;CMD:OSTRA;", nullptr},
     {"ostra_300", "Kiwa Ostra 300 dpi", "MFG:Kiwa;MDL:Ostra 300;CMD:OSTRA;", nullptr},
 };
-
-// What the web page shows for the vendor options. The halftone names run one
-// place ahead of the methods, so each label says what really runs.
-constexpr char kStrings[] = R"strings("halftone-type" = "Halftone method";
-"halftone-type.none" = "None (threshold)";
-"halftone-type.floyd-steinberg" = "FloydSteinberg (runs a 4 x 4 ordered matrix)";
-"halftone-type.ordered" = "Ordered (runs Burkes diffusion)";
-"halftone-type.burkes" = "Burkes (runs Stucki diffusion)";
-"halftone-type.stucki" = "Stucki (runs Jarvis, Judice and Ninke diffusion)";
-"halftone-type.jarvis-judice-ninke" = "Jarvis, Judice and Ninke (runs Sierra diffusion)";
-"halftone-type.sierra" = "Sierra (runs Stevenson and Arce diffusion)";
-"halftone-type.stevenson-arce" = "StevensonArce (runs a generated ordered matrix)";
-"halftone-type.tattoo" = "Tattoo stencil";
-"halftone-type.tattoo-q7" = "Tattoo stencil Q7";
-"mirror-image" = "Mirror image";
-"negative-image" = "Negative image";
-"brightness" = "Brightness";
-"gap-height" = "Gap between labels (mm)";
-"barcode-thinning" = "Barcode bar thinning";
-"barcode-thinning.off" = "Off";
-"barcode-thinning.rows" = "Dash long lines, trim row edges";
-"barcode-thinning.columns" = "Dash long lines, trim column ends";
-)strings";
 
 // One printer's own state: jobs of different printers run on different
 // threads, each with its own counter and command templates.
@@ -667,161 +643,6 @@ void recoverPageCounters(const std::string& dir) {
   }
 }
 
-// The proof page of a printer, /<printer>/proof: an image and the options a
-// job can carry in, the dots the printer would print out, worked out as a
-// print of it would be (appProofDocument). Whoever may print may proof.
-std::string htmlEscaped(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '<')
-      out += "&lt;";
-    else if (c == '>')
-      out += "&gt;";
-    else if (c == '&')
-      out += "&amp;";
-    else if (c == '"')
-      out += "&quot;";
-    else
-      out += c;
-  }
-  return out;
-}
-
-// The job template attributes a Print-Job with these form values carries.
-ipp_t* proofAttributes(int numForm, cups_option_t* form) {
-  ipp_t* attrs = ippNew();
-  const char* media = cupsGetOption("media", numForm, form);
-  if (media != nullptr && appMediaByPwg(media) != nullptr)
-    ippAddString(attrs, IPP_TAG_JOB, IPP_TAG_KEYWORD, "media", nullptr, media);
-  const char* darkness = cupsGetOption("print-darkness", numForm, form);
-  if (darkness != nullptr)
-    ippAddInteger(attrs, IPP_TAG_JOB, IPP_TAG_INTEGER, "print-darkness",
-                  std::max(-100, std::min(100, atoi(darkness))));
-  for (const AppVendorOption& o : appVendorOptions()) {
-    const char* value = cupsGetOption(o.ipp, numForm, form);
-    if (o.isBoolean) {
-      ippAddBoolean(attrs, IPP_TAG_JOB, o.ipp, value != nullptr && strcmp(value, "true") == 0);
-    } else if (value != nullptr &&
-               std::find(o.values.begin(), o.values.end(), value) != o.values.end()) {
-      if (o.isInteger)
-        ippAddInteger(attrs, IPP_TAG_JOB, IPP_TAG_INTEGER, o.ipp, atoi(value));
-      else
-        ippAddString(attrs, IPP_TAG_JOB, IPP_TAG_KEYWORD, o.ipp, nullptr, value);
-    }
-  }
-  return attrs;
-}
-
-// The proof of the uploaded image, as a PNG in base64, or why there is none.
-std::string proofPicture(pappl_printer_t* printer, const AppPrinter* own, int numForm,
-                         cups_option_t* form, PageRecord* shown, std::string* message) {
-  const char* file = cupsGetOption("document", numForm, form);
-  if (file == nullptr || own == nullptr) {
-    *message = "Choose a PNG or JPEG image of at most 2 MB.";
-    return std::string();
-  }
-  ipp_t* attrs = proofAttributes(numForm, form);
-  const AppProof proof = appProofDocument(printer, file, attrs, own->paths.spoolDir);
-  ippDelete(attrs);
-  std::vector<unsigned char> png;
-  std::string error = proof.error;
-  if (proof.records.empty() || !appRecordPng(proof.records[0].bytes, &png, &error) ||
-      !decodePageRecord({proof.records[0].bytes.begin(), proof.records[0].bytes.end()}, shown,
-                        &error)) {
-    *message = "No proof: " + (error.empty() ? std::string("the page is empty") : error) + ".";
-    return std::string();
-  }
-  std::vector<char> text(4 * (png.size() + 2) / 3 + 4);
-  httpEncode64_2(text.data(), static_cast<int>(text.size()),
-                 reinterpret_cast<const char*>(png.data()), static_cast<int>(png.size()));
-  return text.data();
-}
-
-bool proofPage(pappl_client_t* client, void* data) {
-  pappl_system_t* system = papplClientGetSystem(client);
-  pappl_printer_t* printer = papplSystemFindPrinter(
-      system, nullptr, static_cast<int>(reinterpret_cast<intptr_t>(data)), nullptr);
-  if (printer == nullptr)
-    return papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
-  pappl_pr_driver_data_t driver;
-  papplPrinterGetDriverData(printer, &driver);
-  const auto* own = static_cast<const AppPrinter*>(driver.extension);
-  cups_option_t* form = nullptr;
-  int numForm = 0;
-  std::string message, picture;
-  PageRecord shown;
-  if (papplClientGetMethod(client) == HTTP_STATE_POST) {
-    numForm = papplClientGetForm(client, &form);
-    if (!papplClientIsValidForm(client, numForm, form))
-      message = "The form was not valid; load the page again.";
-    else
-      picture = proofPicture(printer, own, numForm, form, &shown, &message);
-    if (const char* file = cupsGetOption("document", numForm, form))
-      unlink(file);
-  }
-  const auto chosen = [&](const char* name, const std::string& fallback) {
-    const char* value = cupsGetOption(name, numForm, form);
-    return value != nullptr ? std::string(value) : fallback;
-  };
-
-  char path[256];
-  papplPrinterGetPath(printer, "proof", path, sizeof(path));
-  // The printer's page header sends the response's own header.
-  papplClientHTMLPrinterHeader(client, printer, "Proof", 0, nullptr, nullptr);
-  papplClientHTMLPuts(client,
-                      "<div class=\"row\"><div class=\"col-12\">\n<p>The dots the printer would "
-                      "print, before paper burns: choose an image and the options, then Proof."
-                      "</p>\n");
-  papplClientHTMLStartForm(client, path, true);
-  std::string html =
-      "<table class=\"form\"><tr><th>Image:</th><td><input type=\"file\" name=\"document\" "
-      "accept=\"image/png,image/jpeg\" required></td></tr>\n<tr><th>Media:</th><td>"
-      "<select name=\"media\">";
-  const std::string media = chosen("media", kAppMedia[0].pwg);
-  for (size_t i = 0; i < kAppMediaCount; ++i) {
-    html += std::string("<option value=\"") + kAppMedia[i].pwg + "\"" +
-            (media == kAppMedia[i].pwg ? " selected" : "") + ">" + kAppMedia[i].ppd + "</option>";
-  }
-  html += "</select></td></tr>\n";
-  for (const AppVendorOption& o : appVendorOptions()) {
-    const std::string value = chosen(o.ipp, numForm > 0 && o.isBoolean ? "false" : o.defaultValue);
-    html += std::string("<tr><th>") + o.ipp + ":</th><td>";
-    if (o.isBoolean) {
-      html += std::string("<input type=\"checkbox\" name=\"") + o.ipp + "\" value=\"true\"" +
-              (value == "true" ? " checked" : "") + ">";
-    } else {
-      html += std::string("<select name=\"") + o.ipp + "\">";
-      for (const std::string& v : o.values)
-        html += "<option" + std::string(v == value ? " selected" : "") + ">" + v + "</option>";
-      html += "</select>";
-    }
-    html += "</td></tr>\n";
-  }
-  html +=
-      "<tr><th>print-darkness:</th><td><input type=\"number\" name=\"print-darkness\" "
-      "min=\"-100\" max=\"100\" value=\"" +
-      htmlEscaped(chosen("print-darkness", "0")) +
-      "\"></td></tr>\n<tr><th></th><td><input type=\"submit\" value=\"Proof\"></td></tr>"
-      "</table></form>\n";
-  if (!message.empty())
-    html += "<p class=\"proof-message\">" + htmlEscaped(message) + "</p>\n";
-  if (!picture.empty()) {
-    html += "<p>" + std::to_string(shown.labelWidth) + " x " + std::to_string(shown.labelHeight) +
-            " dots on the label, " + std::to_string(shown.blackDots) +
-            " of them black; the outline is the head's width. <label><input type=\"checkbox\" "
-            "onchange=\"var p = document.getElementById('proof'); p.style.width = this.checked ? "
-            "p.naturalWidth + 'px' : '100%'\"> 1:1 dots</label></p>\n<img id=\"proof\" "
-            "alt=\"proof\" style=\"width:100%;image-rendering:pixelated;border:1px solid #c00\" "
-            "src=\"data:image/png;base64," +
-            picture + "\">\n";
-  }
-  html += "</div></div>\n";
-  papplClientHTMLPuts(client, html.c_str());
-  papplClientHTMLPrinterFooter(client);
-  cupsFreeOptions(numForm, form);
-  return true;
-}
-
 // Printers made (or loaded) since the last save, whose job ids and queue
 // bound have yet to be set: PAPPL announces a new printer while it holds the
 // printer's lock.
@@ -871,14 +692,8 @@ void settleNewPrinters(pappl_system_t* system, const AppConfig& config) {
       },
       &settle);
   // Outside the iteration, which holds the system's lock that adding takes.
-  for (pappl_printer_t* printer : settle.settled) {
-    char path[256];
-    papplPrinterGetPath(printer, "proof", path, sizeof(path));
-    papplSystemAddResourceCallback(
-        system, path, "text/html", proofPage,
-        reinterpret_cast<void*>(static_cast<intptr_t>(papplPrinterGetID(printer))));
-    papplPrinterAddLink(printer, "Proof", path, PAPPL_LOPTIONS_NAVIGATION | PAPPL_LOPTIONS_STATUS);
-  }
+  for (pappl_printer_t* printer : settle.settled)
+    appAddProofPage(system, printer, config.pageDirectory);
 }
 
 // Where PAPPL's own main loop would keep the state.
@@ -955,7 +770,7 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
     papplSystemAddListeners(system, option("listen-hostname"));
   // Without a footer PAPPL's web pages fail.
   papplSystemSetFooterHTML(system, kFooter);
-  papplSystemAddStringsData(system, "/en.strings", "en", kStrings);
+  papplSystemAddStringsData(system, "/en.strings", "en", kAppStrings);
   papplSystemAddResourceCallback(system, "/addprinter", "text/html", addPrinterPage, system);
   papplSystemSetPrinterDrivers(system, static_cast<int>(sizeof(kDrivers) / sizeof(kDrivers[0])),
                                kDrivers, nullptr, nullptr, driverCallback, config);

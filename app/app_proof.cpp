@@ -2,14 +2,19 @@
 
 #include <png.h>
 #include <pthread.h>
+#include <sys/random.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <map>
 #include <mutex>
 
 #include "app/app_image.h"
+#include "app/ostra_app.h"
 #include "tools/page_record.h"
 
 // PAPPL 1.3.1's job object, field for field (job-private.h): a proof is a job
@@ -48,7 +53,9 @@ namespace {
 std::mutex gRunsLock;
 std::map<const void*, AppProofRun*> gRuns;
 
-const char* formatOf(const std::string& file) {
+}  // namespace
+
+const char* appProofFormat(const std::string& file) {
   unsigned char magic[8] = {0};
   FILE* in = fopen(file.c_str(), "rb");
   const size_t n = in != nullptr ? fread(magic, 1, sizeof magic, in) : 0;
@@ -61,6 +68,8 @@ const char* formatOf(const std::string& file) {
     return "image/jpeg";
   return nullptr;
 }
+
+namespace {
 
 // Why the image filter refused the document, as the job's reasons say.
 std::string refusal(const AppProofJob& job) {
@@ -90,7 +99,7 @@ RecordSink& appProofRecords(AppProofRun* run) {
 AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp_t* attrs,
                           const std::string& pageDirectory) {
   AppProof proof;
-  const char* format = formatOf(file);
+  const char* format = appProofFormat(file);
   if (format == nullptr) {
     proof.error = "only PNG and JPEG images can be proofed";
     return proof;
@@ -140,33 +149,432 @@ AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp
 }
 
 bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
-                  std::string* error) {
+                  std::string* error, int shrink) {
   PageRecord page;
   if (!decodePageRecord(std::vector<uint8_t>(record.begin(), record.end()), &page, error))
     return false;
-  if (page.width == 0) {
+  if (page.width == 0 || shrink < 1) {
     *error = "the record holds no pixels";
     return false;
   }
-  for (uint8_t& dot : page.dots)
-    dot = dot != 0 ? 0 : 255;
+  const size_t width = (page.width + shrink - 1) / shrink;
+  const size_t rows = (page.rows + shrink - 1) / shrink;
+  std::vector<unsigned> black(width * rows, 0);
+  for (size_t y = 0; y < page.rows; ++y) {
+    for (size_t x = 0; x < page.width; ++x)
+      black[y / shrink * width + x / shrink] += page.dots[y * page.width + x];
+  }
+  std::vector<uint8_t> gray(black.size());
+  const unsigned cell = static_cast<unsigned>(shrink * shrink);
+  for (size_t i = 0; i < gray.size(); ++i)
+    gray[i] = static_cast<uint8_t>(255 - 255 * black[i] / cell);
   png_image image;
   memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
-  image.width = static_cast<png_uint_32>(page.width);
-  image.height = page.rows;
+  image.width = static_cast<png_uint_32>(width);
+  image.height = static_cast<png_uint_32>(rows);
   image.format = PNG_FORMAT_GRAY;
   png_alloc_size_t size = 0;
-  bool ok = png_image_write_to_memory(&image, nullptr, &size, 0, page.dots.data(),
-                                      static_cast<png_int_32>(page.width), nullptr) != 0;
+  bool ok = png_image_write_to_memory(&image, nullptr, &size, 0, gray.data(),
+                                      static_cast<png_int_32>(width), nullptr) != 0;
   if (ok) {
     png->resize(size);
-    ok = png_image_write_to_memory(&image, png->data(), &size, 0, page.dots.data(),
-                                   static_cast<png_int_32>(page.width), nullptr) != 0;
+    ok = png_image_write_to_memory(&image, png->data(), &size, 0, gray.data(),
+                                   static_cast<png_int_32>(width), nullptr) != 0;
     png->resize(size);
   }
   if (!ok)
     *error = image.message;
   png_image_free(&image);
   return ok;
+}
+
+namespace {}  // namespace
+
+// PAPPL's own reading of name=value options into typed job attributes, and
+// the two steps of papplJobCreateWithFile, exported though not declared.
+extern "C" void _papplMainloopAddOptions(ipp_t* request, int numOptions, cups_option_t* options,
+                                         ipp_t* supported);
+extern "C" pappl_job_t* _papplJobCreate(pappl_printer_t* printer, int jobId, const char* username,
+                                        const char* format, const char* jobName, ipp_t* attrs);
+extern "C" void _papplJobSubmitFile(pappl_job_t* job, const char* filename);
+
+namespace {
+
+// The job attributes of name=value options, as PAPPL reads them for a print.
+// papplJobCreateWithFile (PAPPL 1.3.1, no upstream fix as of 1.4.11) reads
+// them into a list without an operation, so they become printer defaults and
+// its job ignores them: here the list is a Print-Job's.
+ipp_t* jobAttributes(pappl_printer_t* printer, int numOptions, cups_option_t* options) {
+  ipp_t* attrs = ippNew();
+  ippSetOperation(attrs, IPP_OP_PRINT_JOB);
+  ipp_t* supported = papplPrinterGetDriverAttributes(printer);
+  _papplMainloopAddOptions(attrs, numOptions, options, supported);
+  ippDelete(supported);
+  return attrs;
+}
+
+// Uploads kept for the page's later buttons (another proof, the ten
+// halftones, Print): at most kKeptUploads, each for kKeepSeconds, in the
+// system's spool directory, oldest dropped first.
+constexpr size_t kKeptUploads = 16;
+constexpr time_t kKeepSeconds = 30 * 60;
+
+struct KeptUpload {
+  std::string token, path;
+  int printerId;
+  time_t at;
+};
+std::mutex gUploadsLock;
+std::deque<KeptUpload> gUploads;
+
+void dropOldUploads(time_t now) {
+  while (!gUploads.empty() &&
+         (gUploads.size() > kKeptUploads || gUploads.front().at + kKeepSeconds < now)) {
+    unlink(gUploads.front().path.c_str());
+    gUploads.pop_front();
+  }
+}
+
+std::string randomToken() {
+  unsigned char bytes[16];
+  if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
+    return std::string();
+  std::string token;
+  for (unsigned char b : bytes) {
+    static const char kHex[] = "0123456789abcdef";
+    token += kHex[b >> 4];
+    token += kHex[b & 15];
+  }
+  return token;
+}
+
+// Keeps PAPPL's temporary file of an upload under a token; empty if it could not.
+std::string keepUpload(const std::string& temp, int printerId) {
+  const std::string token = randomToken();
+  const std::string path = temp + "-" + token;
+  if (token.empty() || rename(temp.c_str(), path.c_str()) != 0) {
+    unlink(temp.c_str());
+    return std::string();
+  }
+  std::lock_guard<std::mutex> hold(gUploadsLock);
+  gUploads.push_back({token, path, printerId, time(nullptr)});
+  dropOldUploads(time(nullptr));
+  return token;
+}
+
+std::string keptUpload(const std::string& token, int printerId) {
+  std::lock_guard<std::mutex> hold(gUploadsLock);
+  dropOldUploads(time(nullptr));
+  for (const KeptUpload& u : gUploads) {
+    if (!token.empty() && u.token == token && u.printerId == printerId)
+      return u.path;
+  }
+  return std::string();
+}
+
+// A copy of a kept upload that a job may take (PAPPL removes its job's file).
+std::string jobCopy(const std::string& path) {
+  std::string copy = path + "-XXXXXX";
+  const int out = mkstemp(&copy[0]);
+  FILE* in = fopen(path.c_str(), "rb");
+  bool ok = out >= 0 && in != nullptr;
+  char buffer[65536];
+  for (size_t n; ok && (n = fread(buffer, 1, sizeof buffer, in)) > 0;)
+    ok = write(out, buffer, n) == static_cast<ssize_t>(n);
+  if (in != nullptr)
+    fclose(in);
+  if (out >= 0 && close(out) != 0)
+    ok = false;
+  if (!ok && out >= 0)
+    unlink(copy.c_str());
+  return ok ? copy : std::string();
+}
+
+struct ProofPage {
+  int printerId;
+  std::string pageDirectory;
+};
+
+// The options a job of this form carries, as name=value, each checked against
+// what the printer offers; `halftone`, when given, in place of the form's.
+int formOptions(int numForm, cups_option_t* form, const char* halftone, cups_option_t** options) {
+  int n = 0;
+  const char* media = cupsGetOption("media", numForm, form);
+  if (media != nullptr && appMediaByPwg(media) != nullptr)
+    n = cupsAddOption("media", media, n, options);
+  const char* darkness = cupsGetOption("print-darkness", numForm, form);
+  if (darkness != nullptr) {
+    const int level = std::max(-100, std::min(100, atoi(darkness)));
+    n = cupsAddOption("print-darkness", std::to_string(level).c_str(), n, options);
+  }
+  for (const AppVendorOption& o : appVendorOptions()) {
+    const char* value = cupsGetOption(o.ipp, numForm, form);
+    if (halftone != nullptr && strcmp(o.ipp, "halftone-type") == 0)
+      value = halftone;
+    if (o.isBoolean)
+      value = value != nullptr && strcmp(value, "true") == 0 ? "true" : "false";
+    if (value != nullptr && std::find(o.values.begin(), o.values.end(), value) != o.values.end())
+      n = cupsAddOption(o.ipp, value, n, options);
+  }
+  return n;
+}
+
+// The first page's record of a proof with these options, or why there is none.
+bool proofRecord(pappl_printer_t* printer, const ProofPage& page, const std::string& file,
+                 int numOptions, cups_option_t* options, std::vector<unsigned char>* record,
+                 std::string* why) {
+  ipp_t* attrs = jobAttributes(printer, numOptions, options);
+  const AppProof proof = appProofDocument(printer, file, attrs, page.pageDirectory);
+  ippDelete(attrs);
+  if (proof.records.empty()) {
+    *why = proof.error.empty() ? "the page is empty" : proof.error;
+    return false;
+  }
+  *record = proof.records[0].bytes;
+  return true;
+}
+
+std::string base64(const std::vector<unsigned char>& data) {
+  std::vector<char> text(4 * (data.size() + 2) / 3 + 4);
+  httpEncode64_2(text.data(), static_cast<int>(text.size()),
+                 reinterpret_cast<const char*>(data.data()), static_cast<int>(data.size()));
+  return text.data();
+}
+
+std::string escaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '&')
+      out += "&amp;";
+    else if (c == '"')
+      out += "&quot;";
+    else
+      out += c;
+  }
+  return out;
+}
+
+// The form: the image (or the one kept), the options as chosen, the buttons.
+std::string formHtml(int numForm, cups_option_t* form, const std::string& token) {
+  const auto chosen = [&](const char* name, const std::string& fallback) {
+    const char* value = cupsGetOption(name, numForm, form);
+    return value != nullptr ? std::string(value) : fallback;
+  };
+  std::string html =
+      "<table class=\"form\"><tr><th>Image:</th><td><input type=\"file\" "
+      "name=\"document\" accept=\"image/png,image/jpeg\"";
+  html += token.empty() ? " required>" : "> (or the one proofed below)";
+  html += "<input type=\"hidden\" name=\"upload\" value=\"" + escaped(token) +
+          "\"></td></tr>\n<tr><th>Media:</th><td><select name=\"media\">";
+  const std::string media = chosen("media", kAppMedia[0].pwg);
+  for (size_t i = 0; i < kAppMediaCount; ++i) {
+    // The size from the self-describing name ("2x1in"), then the PPD's.
+    const std::string pwg = kAppMedia[i].pwg;
+    html += "<option value=\"" + pwg + "\"" + (media == pwg ? " selected" : "") + ">" +
+            pwg.substr(pwg.rfind('_') + 1) + " (" + kAppMedia[i].ppd + ")</option>";
+  }
+  html += "</select></td></tr>\n";
+  for (const AppVendorOption& o : appVendorOptions()) {
+    const std::string value = chosen(o.ipp, numForm > 0 && o.isBoolean ? "false" : o.defaultValue);
+    html += "<tr><th>" + appLabel(o.ipp) + ":</th><td>";
+    if (o.isBoolean) {
+      html += std::string("<input type=\"checkbox\" name=\"") + o.ipp + "\" value=\"true\"" +
+              (value == "true" ? " checked" : "") + ">";
+    } else {
+      html += std::string("<select name=\"") + o.ipp + "\">";
+      for (const std::string& v : o.values) {
+        html += "<option value=\"" + v + "\"" + (v == value ? " selected" : "") + ">" +
+                escaped(o.isInteger ? v : appLabel(std::string(o.ipp) + "." + v)) + "</option>";
+      }
+      html += "</select>";
+    }
+    html += "</td></tr>\n";
+  }
+  html +=
+      "<tr><th>Darkness:</th><td><input type=\"number\" name=\"print-darkness\" "
+      "min=\"-100\" max=\"100\" value=\"" +
+      escaped(chosen("print-darkness", "0")) +
+      "\"></td></tr>\n<tr><th></th><td>"
+      "<button type=\"submit\" name=\"action\" value=\"proof\">Proof</button> "
+      "<button type=\"submit\" name=\"action\" value=\"sheet\">All ten halftones</button> "
+      "<button type=\"submit\" name=\"action\" value=\"print\">Print</button> "
+      "<button type=\"submit\" name=\"action\" value=\"defaults\">Save as default</button>"
+      "</td></tr></table></form>\n";
+  return html;
+}
+
+// Makes the form's options the printer's defaults, as its Printing Defaults
+// page would.
+bool saveDefaults(pappl_printer_t* printer, int numOptions, cups_option_t* options) {
+  pappl_pr_driver_data_t data;
+  papplPrinterGetDriverData(printer, &data);
+  if (const char* media = cupsGetOption("media", numOptions, options)) {
+    if (pwg_media_t* pwg = pwgMediaForPWG(media)) {
+      papplCopyString(data.media_default.size_name, pwg->pwg, sizeof(data.media_default.size_name));
+      data.media_default.size_width = pwg->width;
+      data.media_default.size_length = pwg->length;
+    }
+  }
+  if (const char* darkness = cupsGetOption("print-darkness", numOptions, options))
+    data.darkness_default = atoi(darkness);
+  cups_option_t* vendor = nullptr;
+  int numVendor = 0;
+  for (int i = 0; i < numOptions; ++i) {
+    if (strcmp(options[i].name, "media") != 0 && strcmp(options[i].name, "print-darkness") != 0)
+      numVendor = cupsAddOption(options[i].name, options[i].value, numVendor, &vendor);
+  }
+  const bool saved = papplPrinterSetDriverDefaults(printer, &data, numVendor, vendor);
+  cupsFreeOptions(numVendor, vendor);
+  return saved;
+}
+
+bool proofPage(pappl_client_t* client, void* data) {
+  const ProofPage& page = *static_cast<const ProofPage*>(data);
+  pappl_printer_t* printer =
+      papplSystemFindPrinter(papplClientGetSystem(client), nullptr, page.printerId, nullptr);
+  if (printer == nullptr)
+    return papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
+  cups_option_t* form = nullptr;
+  int numForm = 0;
+  std::string token, action, result;
+  if (papplClientGetMethod(client) == HTTP_STATE_POST) {
+    numForm = papplClientGetForm(client, &form);
+    const char* upload = cupsGetOption("document", numForm, form);
+    const char* pick = cupsGetOption("pick", numForm, form);
+    action = pick != nullptr ? "proof"
+             : cupsGetOption("action", numForm, form) != nullptr
+                 ? cupsGetOption("action", numForm, form)
+                 : "proof";
+    if (!papplClientIsValidForm(client, numForm, form)) {
+      if (upload != nullptr)
+        unlink(upload);
+      result = "<p class=\"proof-message\">The form was not valid; load the page again.</p>";
+      action.clear();
+    } else if (action == "defaults" && !papplClientHTMLAuthorize(client)) {
+      if (upload != nullptr)
+        unlink(upload);
+      cupsFreeOptions(numForm, form);
+      return true;  // PAPPL has answered: a login is needed
+    } else {
+      const char* kept = cupsGetOption("upload", numForm, form);
+      token = upload != nullptr ? keepUpload(upload, page.printerId) : kept != nullptr ? kept : "";
+    }
+    if (pick != nullptr)
+      numForm = cupsAddOption("halftone-type", pick, numForm, &form);
+  }
+  const std::string file = keptUpload(token, page.printerId);
+  if (!action.empty() && action != "defaults" && file.empty()) {
+    result = "<p class=\"proof-message\">Choose a PNG or JPEG image of at most 2 MB.</p>";
+    token.clear();
+  } else if (action == "proof" || action == "sheet") {
+    const bool sheet = action == "sheet";
+    const std::vector<std::string>& names = appVendorOptions()[0].values;
+    const std::string halftone = cupsGetOption("halftone-type", numForm, form) != nullptr
+                                     ? cupsGetOption("halftone-type", numForm, form)
+                                     : "";
+    for (const std::string& name : names) {
+      if (!sheet && name != halftone && !(halftone.empty() && name == names[0]))
+        continue;
+      cups_option_t* options = nullptr;
+      const int numOptions = formOptions(numForm, form, sheet ? name.c_str() : nullptr, &options);
+      std::vector<unsigned char> record, png;
+      std::string why;
+      PageRecord shown;
+      // The sheet shows each proof a sixth of its size; the proof, every dot.
+      const bool made = proofRecord(printer, page, file, numOptions, options, &record, &why) &&
+                        appRecordPng(record, &png, &why, sheet ? 6 : 1) &&
+                        decodePageRecord({record.begin(), record.end()}, &shown, &why);
+      cupsFreeOptions(numOptions, options);
+      if (!made) {
+        result += "<p class=\"proof-message\">No proof: " + escaped(why) + ".</p>\n";
+        break;
+      }
+      if (sheet) {
+        result += "<button type=\"submit\" form=\"form\" name=\"pick\" value=\"" + name +
+                  "\" style=\"width:19%;vertical-align:top\"><img alt=\"" + name +
+                  "\" style=\"width:100%\" src=\"data:image/png;base64," + base64(png) + "\"><br>" +
+                  escaped(appLabel("halftone-type." + name)) + "</button>\n";
+      } else {
+        // Each row record ends with the label's whole bytes, after the margin
+        // that centres it under the head: there the label's outline goes.
+        const size_t labelDots = (shown.labelWidth + 7) / 8 * 8;
+        const double left =
+            labelDots < shown.width ? 100.0 * (shown.width - labelDots) / shown.width : 0.0;
+        char box[160];
+        snprintf(box, sizeof box,
+                 "<div style=\"position:absolute;top:0;bottom:0;left:%.3f%%;right:0;"
+                 "outline:2px dashed #06c\"></div>",
+                 left);
+        result += "<p>" + std::to_string(shown.labelWidth) + " x " +
+                  std::to_string(shown.labelHeight) + " dots on the label (dashed), " +
+                  std::to_string(shown.blackDots) +
+                  " of them black, under the head's width (red). <label><input "
+                  "type=\"checkbox\" onchange=\"var p = document.getElementById('proof'); "
+                  "p.parentNode.style.width = this.checked ? p.naturalWidth + 'px' : '100%'\"> "
+                  "1:1 dots</label></p>\n<div style=\"position:relative;width:100%\"><img "
+                  "id=\"proof\" alt=\"proof\" style=\"display:block;width:100%;"
+                  "image-rendering:pixelated;outline:1px solid #c00\" "
+                  "src=\"data:image/png;base64," +
+                  base64(png) + "\">" + box + "</div>\n";
+      }
+    }
+  } else if (action == "print") {
+    cups_option_t* options = nullptr;
+    const int numOptions = formOptions(numForm, form, nullptr, &options);
+    const std::string copy = jobCopy(file);
+    const char* user = papplClientGetUsername(client);
+    ipp_t* attrs = jobAttributes(printer, numOptions, options);
+    pappl_job_t* job = copy.empty() ? nullptr
+                                    : _papplJobCreate(printer, 0, user && *user ? user : "guest",
+                                                      appProofFormat(file), "Proof", attrs);
+    ippDelete(attrs);
+    cupsFreeOptions(numOptions, options);
+    if (job != nullptr)
+      _papplJobSubmitFile(job, copy.c_str());
+    else if (!copy.empty())
+      unlink(copy.c_str());
+    result = job != nullptr ? "<p class=\"proof-message\">Printing as job " +
+                                  std::to_string(papplJobGetID(job)) + ".</p>"
+                            : "<p class=\"proof-message\">The printer did not take the job; "
+                              "it may be busy.</p>";
+  } else if (action == "defaults") {
+    cups_option_t* options = nullptr;
+    const int numOptions = formOptions(numForm, form, nullptr, &options);
+    result = saveDefaults(printer, numOptions, options)
+                 ? "<p class=\"proof-message\">These options are now the printer's defaults.</p>"
+                 : "<p class=\"proof-message\">The defaults could not be saved.</p>";
+    cupsFreeOptions(numOptions, options);
+  }
+
+  char path[256];
+  papplPrinterGetPath(printer, "proof", path, sizeof(path));
+  // The printer's page header sends the response's own header.
+  papplClientHTMLPrinterHeader(client, printer, "Proof", 0, nullptr, nullptr);
+  papplClientHTMLPuts(client,
+                      "<div class=\"row\"><div class=\"col-12\">\n<p>The dots the printer would "
+                      "print, before paper burns: choose an image and the options, then Proof."
+                      "</p>\n");
+  papplClientHTMLStartForm(client, path, true);
+  const std::string html = formHtml(numForm, form, token) + result + "</div></div>\n";
+  papplClientHTMLPuts(client, html.c_str());
+  papplClientHTMLPrinterFooter(client);
+  cupsFreeOptions(numForm, form);
+  return true;
+}
+
+}  // namespace
+
+void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
+                     const std::string& pageDirectory) {
+  char path[256];
+  papplPrinterGetPath(printer, "proof", path, sizeof(path));
+  // Lives as long as the server: a resource cannot be given a way to free it.
+  auto* page = new ProofPage{papplPrinterGetID(printer), pageDirectory};
+  papplSystemAddResourceCallback(system, path, "text/html", proofPage, page);
+  papplPrinterAddLink(printer, "Proof", path, PAPPL_LOPTIONS_NAVIGATION | PAPPL_LOPTIONS_STATUS);
 }

@@ -25,6 +25,9 @@ struct AppProof {
 AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp_t* attrs,
                           const std::string& pageDirectory);
 
+// "image/png" or "image/jpeg" by the file's first bytes, else null.
+const char* appProofFormat(const std::string& file);
+
 // The proof running as `job`, or null when `job` is a print: its records go
 // to memory and its counter is its own.
 struct AppProofRun;
@@ -32,8 +35,17 @@ AppProofRun* appProofRun(pappl_job_t* job);
 PrinterState& appProofState(AppProofRun* run);
 RecordSink& appProofRecords(AppProofRun* run);
 
-// A page record's dots as a PNG (black dots on white), written by libpng.
+// A page record's dots as a PNG, written by libpng: black dots on white, or
+// each `shrink` x `shrink` square of dots as one gray pixel.
 bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
-                  std::string* error);
+                  std::string* error, int shrink = 1);
+
+// The proof page of `printer` at /<printer>/proof, linked from its pages:
+// upload an image, choose the options a job carries, see the dots; proof all
+// ten halftones side by side; print what was proofed; save the options as
+// the printer's defaults (admins only). Page records are read from
+// `pageDirectory` for the counter only.
+void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
+                     const std::string& pageDirectory);
 
 #endif  // OSTRA_APP_APP_PROOF_H

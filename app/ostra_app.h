@@ -40,6 +40,13 @@ struct AppVendorOption {
 };
 const std::vector<AppVendorOption>& appVendorOptions();
 
+// The labels the web pages show for the vendor options and their values, as
+// a strings file ("key" = "label";); the halftone names run one place ahead of
+// the methods, so each label says what really runs.
+extern const char* const kAppStrings;
+// The label of "option" or "option.value", or the key itself.
+std::string appLabel(const std::string& key);
+
 // What one job asks for, as the application reads it from IPP; each value is
 // the job's own, else the printer's default, else the PPD default.
 struct AppJobValues {

@@ -281,7 +281,9 @@ TEST_F(AppServer, AnswersAndPrints) {
 
 // A proof is what a print makes: for every halftone type the record a proof
 // holds is the record the same image printed with the same options leaves,
-// byte for byte, and proofs write nothing. The proof page shows those dots.
+// byte for byte, and proofs write nothing. Through the proof page: the
+// picture is ostra-preview's of what its Print button printed, and the sheet
+// holds the ten halftones.
 TEST_F(AppServer, ProofIsWhatPrints) {
   start("private-server=yes");
   Client client(socket);
@@ -292,7 +294,6 @@ TEST_F(AppServer, ProofIsWhatPrints) {
             0);
   pappl_printer_t* printer = papplSystemFindPrinter(app, kResource, 0, nullptr);
   ASSERT_NE(printer, nullptr);
-  std::string record, last;
   int page = 0;
   for (const std::string& halftone : appVendorOptions()[0].values) {
     ipp_t* attrs = ippNew();
@@ -304,30 +305,42 @@ TEST_F(AppServer, ProofIsWhatPrints) {
     const int id = client.print(image, "image/png", "halftone-type", halftone.c_str());
     char name[64];
     snprintf(name, sizeof name, "/pages/page_%04d_jobid_%06d_0000.dat", ++page, id);
-    last = dir + name;
-    record = readFile(last);
-    EXPECT_EQ(std::string(proof.records[0].bytes.begin(), proof.records[0].bytes.end()), record)
+    EXPECT_EQ(std::string(proof.records[0].bytes.begin(), proof.records[0].bytes.end()),
+              readFile(dir + name))
         << halftone;
   }
   EXPECT_EQ(sh("ls '" + dir + "/pages' | grep -c page_ | grep -qx 10"), 0);
 
   // The page, as a browser sends it: the form's session, the image, the
-  // options. Its picture is ostra-preview's of the last record.
+  // options. Print prints what the proof showed; the sheet has ten proofs.
   const std::string curl = "curl -s --unix-socket '" + socket + "' http://localhost/ostra/proof";
+  // A field's value on a page, as the shell reads it for the next request.
+  auto valueOf = [&](const std::string& name, const std::string& page) {
+    return "\"$(" + page + " | sed -n 's/.*name=\"" + name +
+           "\" value=\"\\([^\"]*\\)\".*/\\1/p')\"";
+  };
+  // Sent as a browser sends the form: the page's session, the options, and
+  // the image or the kept upload, with the button pressed.
+  auto post = [&](const std::string& fields, const std::string& out) {
+    return sh(curl + " -F session=" + valueOf("session", curl) + " -F media=" + kMedia +
+              " -F halftone-type=tattoo-q7 " + fields + " >'" + dir + "/" + out + "'") == 0;
+  };
   for (int i = 0; i < 100 && sh(curl + " | grep -q 'name=\"session\"'") != 0; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // added at the first save
-  ASSERT_EQ(sh(curl + " | sed -n 's/.*name=\"session\" value=\"\\([^\"]*\\)\".*/\\1/p' >'" + dir +
-               "/session'"),
-            0);
-  std::string session = readFile(dir + "/session");
-  session.erase(session.find_last_not_of('\n') + 1);
-  ASSERT_EQ(sh(curl + " -F session=" + session + " -F 'document=@" + image +
-               "' -F media=" + kMedia + " -F halftone-type=tattoo-q7 >'" + dir + "/proof.html'"),
-            0);
+  ASSERT_TRUE(post("-F 'document=@" + image + "'", "proof.html"));
   ASSERT_EQ(sh("sed -n 's/.*base64,\\([^\"]*\\)\".*/\\1/p' '" + dir +
                "/proof.html' | base64 -d >'" + dir + "/proof.png'"),
             0);
-  ASSERT_EQ(sh("'" OSTRA_PREVIEW_PATH "' -o '" + dir + "' '" + last + "' >/dev/null"), 0);
+  const std::string upload = "-F upload=" + valueOf("upload", "cat '" + dir + "/proof.html'");
+  ASSERT_TRUE(post(upload + " -F action=print", "print.html"));
+  const std::string printed = readFile(dir + "/print.html");
+  const size_t at = printed.find("Printing as job ");
+  ASSERT_NE(at, std::string::npos);
+  const int id = atoi(printed.c_str() + at + 16);
+  ASSERT_EQ(client.job(id, IPP_OP_GET_JOB_ATTRIBUTES), IPP_JSTATE_COMPLETED);
+  char name[64];
+  snprintf(name, sizeof name, "/pages/page_%04d_jobid_%06d_0000.dat", page + 1, id);
+  ASSERT_EQ(sh("'" OSTRA_PREVIEW_PATH "' -o '" + dir + "' '" + dir + name + "' >/dev/null"), 0);
   auto pixels = [](const std::string& path) {
     png_image png{};
     png.version = PNG_IMAGE_VERSION;
@@ -341,8 +354,14 @@ TEST_F(AppServer, ProofIsWhatPrints) {
   };
   const std::vector<unsigned char> shown = pixels(dir + "/proof.png");
   EXPECT_GT(shown.size(), 1000u);
-  const std::string preview = last.substr(last.rfind('/'));
-  EXPECT_TRUE(shown == pixels(dir + preview.substr(0, preview.size() - 4) + ".png"));
+  EXPECT_TRUE(shown == pixels(dir + std::string(name + 6, strlen(name) - 10) + ".png"));
+  ASSERT_TRUE(post(upload + " -F action=sheet", "sheet.html"));
+  EXPECT_EQ(sh("grep -o 'name=\"pick\"' '" + dir + "/sheet.html' | grep -c . | grep -qx 10"), 0);
+  // The proof as a browser draws it, kept beside the test's files.
+  sh("chromium --headless --no-sandbox --disable-gpu --disable-crash-reporter --user-data-dir='" +
+     dir + "/chromium' --window-size=1000,700 --screenshot='" + dir + "/proof-page.png' 'file://" +
+     dir + "/proof.html' >/dev/null 2>&1");
+  EXPECT_GT(readFile(dir + "/proof-page.png").size(), 10000u);
 }
 
 // A document that cannot be printed as sent aborts its own job within 10 s,
