@@ -236,6 +236,16 @@ bool AppJob::endPage(bool canceled) {
   return job_.printPage(++pages_);
 }
 
+RecordSink::Kept AppJob::NotedRecords::keepPage(uint16_t pageNum, int jobId,
+                                                const unsigned char* data, size_t size,
+                                                const std::function<bool()>& abandon,
+                                                RecordFailure* where) {
+  const Kept result = FileRecordSink::keepPage(pageNum, jobId, data, size, abandon, where);
+  if (result == Kept::Yes)
+    kept.push_back(where->path);
+  return result;
+}
+
 bool AppJob::end() {
   return job_.finish();
 }

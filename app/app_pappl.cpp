@@ -301,6 +301,8 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
                        PAPPL_JREASON_NONE);
   if (kept && jd->streamed)
     saveJobState(job, jd->own);
+  for (const std::string& record : jd->job->takeKeptRecords())
+    appNotePrinted(papplPrinterGetID(papplJobGetPrinter(job)), papplJobGetID(job), record);
   return kept;
 }
 

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <mutex>
 
@@ -567,7 +569,75 @@ bool proofPage(pappl_client_t* client, void* data) {
   return true;
 }
 
+// The last page records each printer kept, newest last.
+constexpr size_t kLastPrints = 12;
+struct Printed {
+  int jobId;
+  std::string record;
+  time_t at;
+};
+std::mutex gPrintedLock;
+std::map<int, std::deque<Printed>> gPrinted;
+
+// /<printer>/prints: the printer's last page records as the printer will
+// print them. What a customer had printed is the shop's business: admins only.
+bool printsPage(pappl_client_t* client, void* data) {
+  const ProofPage& page = *static_cast<const ProofPage*>(data);
+  pappl_printer_t* printer =
+      papplSystemFindPrinter(papplClientGetSystem(client), nullptr, page.printerId, nullptr);
+  if (printer == nullptr)
+    return papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
+  if (!papplClientHTMLAuthorize(client))
+    return true;
+  std::deque<Printed> printed;
+  {
+    std::lock_guard<std::mutex> hold(gPrintedLock);
+    printed = gPrinted[page.printerId];
+  }
+  std::string html =
+      "<div class=\"row\"><div class=\"col-12\">\n<p>The last page records "
+      "this printer kept, newest first, as the printer prints them (a record the "
+      "printer has taken from the page directory is no longer shown).</p>\n";
+  int shown = 0;
+  for (auto p = printed.rbegin(); p != printed.rend(); ++p) {
+    std::ifstream in(p->record, std::ios::binary);
+    const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
+                                           std::istreambuf_iterator<char>());
+    PageRecord record;
+    std::vector<unsigned char> png;
+    std::string why;
+    if (bytes.empty() || !decodePageRecord({bytes.begin(), bytes.end()}, &record, &why) ||
+        !appRecordPng(bytes, &png, &why, 4))
+      continue;
+    char when[64];
+    struct tm local;
+    strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", localtime_r(&p->at, &local));
+    html += "<figure style=\"display:inline-block;width:30%;vertical-align:top\"><img alt=\"" +
+            escaped(p->record.substr(p->record.rfind('/') + 1)) +
+            "\" style=\"width:100%;outline:1px solid #c00\" src=\"data:image/png;base64," +
+            base64(png) + "\"><figcaption>Job " + std::to_string(p->jobId) + ", " + when + ": " +
+            std::to_string(record.labelWidth) + " x " + std::to_string(record.labelHeight) +
+            " dots, " + std::to_string(record.blackDots) + " black</figcaption></figure>\n";
+    ++shown;
+  }
+  if (shown == 0)
+    html += "<p>No page records of this printer are in the page directory.</p>\n";
+  html += "</div></div>\n";
+  papplClientHTMLPrinterHeader(client, printer, "Last Prints", 0, nullptr, nullptr);
+  papplClientHTMLPuts(client, html.c_str());
+  papplClientHTMLPrinterFooter(client);
+  return true;
+}
+
 }  // namespace
+
+void appNotePrinted(int printerId, int jobId, const std::string& record) {
+  std::lock_guard<std::mutex> hold(gPrintedLock);
+  std::deque<Printed>& printed = gPrinted[printerId];
+  printed.push_back({jobId, record, time(nullptr)});
+  if (printed.size() > kLastPrints)
+    printed.pop_front();
+}
 
 void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
                      const std::string& pageDirectory) {
@@ -577,4 +647,8 @@ void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
   auto* page = new ProofPage{papplPrinterGetID(printer), pageDirectory};
   papplSystemAddResourceCallback(system, path, "text/html", proofPage, page);
   papplPrinterAddLink(printer, "Proof", path, PAPPL_LOPTIONS_NAVIGATION | PAPPL_LOPTIONS_STATUS);
+  papplPrinterGetPath(printer, "prints", path, sizeof(path));
+  papplSystemAddResourceCallback(system, path, "text/html", printsPage, page);
+  papplPrinterAddLink(printer, "Last Prints", path,
+                      PAPPL_LOPTIONS_NAVIGATION | PAPPL_LOPTIONS_STATUS);
 }

@@ -40,11 +40,15 @@ RecordSink& appProofRecords(AppProofRun* run);
 bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
                   std::string* error, int shrink = 1);
 
+// Notes a page record a print of `printerId` kept, for its last-prints page.
+void appNotePrinted(int printerId, int jobId, const std::string& record);
+
 // The proof page of `printer` at /<printer>/proof, linked from its pages:
 // upload an image, choose the options a job carries, see the dots; proof all
 // ten halftones side by side; print what was proofed; save the options as
 // the printer's defaults (admins only). Page records are read from
-// `pageDirectory` for the counter only.
+// `pageDirectory` for the counter only. Beside it, /<printer>/prints shows
+// the printer's last page records as pictures, to admins.
 void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
                      const std::string& pageDirectory);
 

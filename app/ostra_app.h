@@ -6,9 +6,11 @@
 #include <cups/raster.h>
 
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/settings.h"
@@ -97,11 +99,20 @@ class AppJob {
   bool pageIncomplete() const { return rows_ < height_; }
   // Stores the page counter after the last page.
   bool end();
+  // The page directory's records this job has kept since the last call.
+  std::vector<std::string> takeKeptRecords() { return std::move(records_.kept); }
 
   OstraPrinter& printer() { return job_.printer(); }
 
  private:
-  FileRecordSink records_;
+  // The page directory's files, noting where each kept record went.
+  struct NotedRecords : FileRecordSink {
+    using FileRecordSink::FileRecordSink;
+    Kept keepPage(uint16_t pageNum, int jobId, const unsigned char* data, size_t size,
+                  const std::function<bool()>& abandon, RecordFailure* where) override;
+    std::vector<std::string> kept;
+  };
+  NotedRecords records_;
   OstraJob job_;
   unsigned height_ = 0;  // of the page in hand; 0 when none started
   unsigned rows_ = 0;    // of this page that arrived

@@ -357,6 +357,12 @@ TEST_F(AppServer, ProofIsWhatPrints) {
   EXPECT_TRUE(shown == pixels(dir + std::string(name + 6, strlen(name) - 10) + ".png"));
   ASSERT_TRUE(post(upload + " -F action=sheet", "sheet.html"));
   EXPECT_EQ(sh("grep -o 'name=\"pick\"' '" + dir + "/sheet.html' | grep -c . | grep -qx 10"), 0);
+  // The last prints: the eleven records, newest first.
+  EXPECT_EQ(sh("curl -s --unix-socket '" + socket + "' http://localhost/ostra/prints >'" + dir +
+               "/prints.html' && grep -o '<figure' '" + dir +
+               "/prints.html' | grep -c . | grep -qx 11 && grep -q 'Job " + std::to_string(id) +
+               ",' '" + dir + "/prints.html'"),
+            0);
   // The proof as a browser draws it, kept beside the test's files.
   sh("chromium --headless --no-sandbox --disable-gpu --disable-crash-reporter --user-data-dir='" +
      dir + "/chromium' --window-size=1000,700 --screenshot='" + dir + "/proof-page.png' 'file://" +
