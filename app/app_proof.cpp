@@ -446,7 +446,10 @@ bool proofPage(pappl_client_t* client, void* data) {
   std::string token, action, result;
   if (papplClientGetMethod(client) == HTTP_STATE_POST) {
     numForm = papplClientGetForm(client, &form);
+    // A file input left empty arrives as an empty value, not a file.
     const char* upload = cupsGetOption("document", numForm, form);
+    if (upload != nullptr && *upload == '\0')
+      upload = nullptr;
     const char* pick = cupsGetOption("pick", numForm, form);
     action = pick != nullptr ? "proof"
              : cupsGetOption("action", numForm, form) != nullptr

@@ -8,7 +8,7 @@ packages=(
   libcups2-dev libcupsimage2-dev cups cups-client cups-ppdc cups-filters
   googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
   ghostscript poppler-utils util-linux strace time clang-14 libclang-rt-14-dev
-  libpappl-dev cups-ipp-utils chromium curl
+  libpappl-dev cups-ipp-utils chromium curl nlohmann-json3-dev
   libpam-pwdfile libpam0g-dev libacl1-dev libjpeg-dev iproute2 openssl
 )
 
