@@ -6,7 +6,8 @@
 # fetched once with apt-get download): one A4 page at 300 dpi and one 4 x 6 in
 # label at 203 dpi of each, and ten A4 pages of the document. Prints the
 # median wall and CPU (user + system) time of each, the wall-time ratio to the
-# floor and the peak resident memory, then the stage benchmarks
+# floor and the peak resident memory, the application's proof page (a proof and
+# the sheet of ten, build/ostra_proof_bench), then the stage benchmarks
 # (build/ostra_bench) on the A4 photo and the 4 x 6 document. Runs in the
 # private namespace of tests/support/sandbox.sh, so the machine's /tmp and
 # spool are never touched.
@@ -86,6 +87,14 @@ awk '
       printf "%-8s %-14s %9.0f %9.0f %8.2f %8.1f\n", p[1], p[2], 1000 * w, 1000 * median(cpu, key, n[key]),
         (floor[p[1]] > 0 ? w / floor[p[1]] : 0), peak[key] / 1024 }
   }' "$work/runs"
+
+# The application's proof page: one proof of the photo on A4 at 300 dpi (the
+# stencil, the slowest halftone) and the sheet of all ten.
+if [ -x "$build/ostra_proof_bench" ]; then
+  OSTRA_PROOF_IMAGE=$photo "$build/ostra_proof_bench" --benchmark_repetitions=3 \
+    --benchmark_report_aggregates_only=true 2>/dev/null |
+    awk '/_median/ { sub(/_median/, "", $1); printf "%-58s %10.0f ms\n", $1, $2 }'
+fi
 
 if [ "$stages" != 0 ] && [ -x "$build/ostra_bench" ]; then
   OSTRA_BENCH_PAGES="a4photo=$work/a4photo.ras label=$work/label.ras" \
