@@ -26,7 +26,7 @@ struct Proofs {
 };
 
 // A system with one 300 dpi printer, never run: proofs need only the printer.
-Proofs* setUp() {
+Proofs* make() {
   static Proofs p;
   const char* image = getenv("OSTRA_PROOF_IMAGE");
   if (image == nullptr) {
@@ -54,6 +54,11 @@ Proofs* setUp() {
     exit(2);
   }
   return &p;
+}
+
+Proofs* setUp() {
+  static Proofs* made = make();
+  return made;
 }
 
 bool proofPicture(const Proofs& p, const std::string& halftone, int shrink) {
