@@ -6,14 +6,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 #include "app/app_image.h"
 #include "app/ostra_app.h"
@@ -437,6 +443,107 @@ bool saveDefaults(pappl_printer_t* printer, int numOptions, cups_option_t* optio
   return saved;
 }
 
+// The proof (or, for the sheet, the ten proofs) of a kept upload with the
+// form's fields, as the page shows them.
+std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const std::string& file,
+                       const std::vector<std::pair<std::string, std::string>>& fields, bool sheet,
+                       const std::string& halftone) {
+  cups_option_t* form = nullptr;
+  int numForm = 0;
+  for (const auto& f : fields)
+    numForm = cupsAddOption(f.first.c_str(), f.second.c_str(), numForm, &form);
+  std::string result;
+  const std::vector<std::string>& names = appVendorOptions()[0].values;
+  for (const std::string& name : names) {
+    if (!sheet && name != halftone && !(halftone.empty() && name == names[0]))
+      continue;
+    cups_option_t* options = nullptr;
+    const int numOptions = formOptions(numForm, form, sheet ? name.c_str() : nullptr, &options);
+    std::vector<unsigned char> record, png;
+    std::string why;
+    PageRecord shown;
+    // The sheet shows each proof a sixth of its size; the proof, every dot.
+    const bool made = proofRecord(printer, page, file, numOptions, options, &record, &why) &&
+                      appRecordPng(record, &png, &why, sheet ? 6 : 1) &&
+                      decodePageRecord({record.begin(), record.end()}, &shown, &why);
+    cupsFreeOptions(numOptions, options);
+    if (!made) {
+      result += "<p class=\"proof-message\">No proof: " + escaped(why) + ".</p>\n";
+      break;
+    }
+    if (sheet) {
+      result += "<button type=\"submit\" form=\"form\" name=\"pick\" value=\"" + name +
+                "\" style=\"width:19%;vertical-align:top\"><img alt=\"" + name +
+                "\" style=\"width:100%\" src=\"data:image/png;base64," + base64(png) + "\"><br>" +
+                escaped(appLabel("halftone-type." + name)) + "</button>\n";
+      continue;
+    }
+    // Each row record ends with the label's whole bytes, after the margin that
+    // centres it under the head: there the label's outline goes.
+    const size_t labelDots = (shown.labelWidth + 7) / 8 * 8;
+    const double left =
+        labelDots < shown.width ? 100.0 * (shown.width - labelDots) / shown.width : 0.0;
+    char box[160];
+    snprintf(box, sizeof box,
+             "<div style=\"position:absolute;top:0;bottom:0;left:%.3f%%;right:0;"
+             "outline:2px dashed #06c\"></div>",
+             left);
+    result += "<p>" + std::to_string(shown.labelWidth) + " x " + std::to_string(shown.labelHeight) +
+              " dots on the label (dashed), " + std::to_string(shown.blackDots) +
+              " of them black, under the head's width (red). <label><input "
+              "type=\"checkbox\" onchange=\"var p = document.getElementById('proof'); "
+              "p.parentNode.style.width = this.checked ? p.naturalWidth + 'px' : '100%'\"> "
+              "1:1 dots</label></p>\n<div style=\"position:relative;width:100%\"><img "
+              "id=\"proof\" alt=\"proof\" style=\"display:block;width:100%;"
+              "image-rendering:pixelated;outline:1px solid #c00\" "
+              "src=\"data:image/png;base64," +
+              base64(png) + "\">" + box + "</div>\n";
+  }
+  cupsFreeOptions(numForm, form);
+  return result;
+}
+
+// Proofs run on threads of their own, at most kProofsAtOnce at a time, so a
+// client's thread only waits, and at most kProofWaitSeconds: each proof stops
+// at its own time limit, and its thread is counted until then.
+constexpr int kProofsAtOnce = 2;
+constexpr int kProofWaitSeconds = 30;
+std::mutex gProofsLock;
+int gProofsRunning = 0;
+
+std::string boundedProofs(std::function<std::string()> work) {
+  {
+    std::lock_guard<std::mutex> hold(gProofsLock);
+    if (gProofsRunning >= kProofsAtOnce)
+      return "<p class=\"proof-message\">The printer is busy with other proofs; try again "
+             "in a moment.</p>";
+    ++gProofsRunning;
+  }
+  struct Outcome {
+    std::mutex lock;
+    std::condition_variable done;
+    bool ready = false;
+    std::string html;
+  };
+  auto outcome = std::make_shared<Outcome>();
+  std::thread([outcome, work = std::move(work)] {
+    std::string html = work();
+    {
+      std::lock_guard<std::mutex> hold(outcome->lock);
+      outcome->html = std::move(html);
+      outcome->ready = true;
+    }
+    outcome->done.notify_all();
+    std::lock_guard<std::mutex> hold(gProofsLock);
+    --gProofsRunning;
+  }).detach();
+  std::unique_lock<std::mutex> wait(outcome->lock);
+  if (!outcome->done.wait_for(wait, std::chrono::seconds(kProofWaitSeconds),
+                              [&outcome] { return outcome->ready; }))
+    return "<p class=\"proof-message\">The proof took too long and was stopped.</p>";
+  return outcome->html;
+}
+
 bool proofPage(pappl_client_t* client, void* data) {
   const ProofPage& page = *static_cast<const ProofPage*>(data);
   pappl_printer_t* printer =
@@ -479,57 +586,14 @@ bool proofPage(pappl_client_t* client, void* data) {
     result = "<p class=\"proof-message\">Choose a PNG or JPEG image of at most 2 MB.</p>";
     token.clear();
   } else if (action == "proof" || action == "sheet") {
-    const bool sheet = action == "sheet";
-    const std::vector<std::string>& names = appVendorOptions()[0].values;
-    const std::string halftone = cupsGetOption("halftone-type", numForm, form) != nullptr
-                                     ? cupsGetOption("halftone-type", numForm, form)
-                                     : "";
-    for (const std::string& name : names) {
-      if (!sheet && name != halftone && !(halftone.empty() && name == names[0]))
-        continue;
-      cups_option_t* options = nullptr;
-      const int numOptions = formOptions(numForm, form, sheet ? name.c_str() : nullptr, &options);
-      std::vector<unsigned char> record, png;
-      std::string why;
-      PageRecord shown;
-      // The sheet shows each proof a sixth of its size; the proof, every dot.
-      const bool made = proofRecord(printer, page, file, numOptions, options, &record, &why) &&
-                        appRecordPng(record, &png, &why, sheet ? 6 : 1) &&
-                        decodePageRecord({record.begin(), record.end()}, &shown, &why);
-      cupsFreeOptions(numOptions, options);
-      if (!made) {
-        result += "<p class=\"proof-message\">No proof: " + escaped(why) + ".</p>\n";
-        break;
-      }
-      if (sheet) {
-        result += "<button type=\"submit\" form=\"form\" name=\"pick\" value=\"" + name +
-                  "\" style=\"width:19%;vertical-align:top\"><img alt=\"" + name +
-                  "\" style=\"width:100%\" src=\"data:image/png;base64," + base64(png) + "\"><br>" +
-                  escaped(appLabel("halftone-type." + name)) + "</button>\n";
-      } else {
-        // Each row record ends with the label's whole bytes, after the margin
-        // that centres it under the head: there the label's outline goes.
-        const size_t labelDots = (shown.labelWidth + 7) / 8 * 8;
-        const double left =
-            labelDots < shown.width ? 100.0 * (shown.width - labelDots) / shown.width : 0.0;
-        char box[160];
-        snprintf(box, sizeof box,
-                 "<div style=\"position:absolute;top:0;bottom:0;left:%.3f%%;right:0;"
-                 "outline:2px dashed #06c\"></div>",
-                 left);
-        result += "<p>" + std::to_string(shown.labelWidth) + " x " +
-                  std::to_string(shown.labelHeight) + " dots on the label (dashed), " +
-                  std::to_string(shown.blackDots) +
-                  " of them black, under the head's width (red). <label><input "
-                  "type=\"checkbox\" onchange=\"var p = document.getElementById('proof'); "
-                  "p.parentNode.style.width = this.checked ? p.naturalWidth + 'px' : '100%'\"> "
-                  "1:1 dots</label></p>\n<div style=\"position:relative;width:100%\"><img "
-                  "id=\"proof\" alt=\"proof\" style=\"display:block;width:100%;"
-                  "image-rendering:pixelated;outline:1px solid #c00\" "
-                  "src=\"data:image/png;base64," +
-                  base64(png) + "\">" + box + "</div>\n";
-      }
-    }
+    const char* halftone = cupsGetOption("halftone-type", numForm, form);
+    std::vector<std::pair<std::string, std::string>> fields;
+    for (int i = 0; i < numForm; ++i)
+      fields.emplace_back(form[i].name, form[i].value);
+    result = boundedProofs([printer, page, file, fields, sheet = action == "sheet",
+                            halftone = std::string(halftone != nullptr ? halftone : "")] {
+      return proofsHtml(printer, page, file, fields, sheet, halftone);
+    });
   } else if (action == "print") {
     cups_option_t* options = nullptr;
     const int numOptions = formOptions(numForm, form, nullptr, &options);

@@ -482,6 +482,15 @@ TEST_F(AppServer, ProofIsWhatPrints) {
   EXPECT_TRUE(shown == pixels(dir + name + ".png"));
   EXPECT_GT(readFile(dir + "/proof-page.png").size(), 10000u);
 
+  // A damaged image gets a reason on the page, and the page goes on.
+  std::ofstream(dir + "/damaged.png", std::ios::binary) << readFile(image).substr(0, 200);
+  ASSERT_TRUE(browser.waitFor("!!document.querySelector('input[type=file]')"));
+  ASSERT_TRUE(browser.choose("input[type=file]", dir + "/damaged.png"));
+  browser.evaluate("document.querySelector('button[value=proof]').click()");
+  EXPECT_TRUE(
+      browser.waitFor("document.body.innerText.indexOf('No proof: the image is "
+                      "damaged') >= 0"));
+
   // The last prints: the eleven records, newest first.
   browser.evaluate("location.href = '/ostra/prints'");
   ASSERT_TRUE(browser.waitFor("document.querySelectorAll('figure').length == 11"));
