@@ -114,6 +114,16 @@ const AppMedia* appMediaByPwg(const std::string& pwg) {
   return nullptr;
 }
 
+std::string appCustomRoll(int widthMm, int lengthMm) {
+  char name[128];
+  if (widthMm < kRollMinMm || widthMm > kRollWidthMaxMm || lengthMm < kRollMinMm ||
+      lengthMm > kRollLengthMaxMm ||
+      pwgFormatSizeName(name, sizeof name, "custom", nullptr, widthMm * 100, lengthMm * 100,
+                        "mm") == 0)
+    return std::string();
+  return name;
+}
+
 const std::vector<AppVendorOption>& appVendorOptions() {
   // In the PPD: HalftoneType, MirrorImage, NegativeImage, Brightness,
   // GapsHeight, VBarcodeDensity.

@@ -311,8 +311,16 @@ struct ProofPage {
 int formOptions(int numForm, cups_option_t* form, const char* halftone, cups_option_t** options) {
   int n = 0;
   const char* media = cupsGetOption("media", numForm, form);
-  if (media != nullptr && appMediaByPwg(media) != nullptr)
+  if (media != nullptr && appMediaByPwg(media) != nullptr) {
     n = cupsAddOption("media", media, n, options);
+  } else if (media != nullptr && strcmp(media, "custom") == 0) {
+    const char* width = cupsGetOption("roll-width", numForm, form);
+    const char* length = cupsGetOption("roll-length", numForm, form);
+    const std::string name =
+        appCustomRoll(width != nullptr ? atoi(width) : 0, length != nullptr ? atoi(length) : 0);
+    if (!name.empty())
+      n = cupsAddOption("media", name.c_str(), n, options);
+  }
   const char* darkness = cupsGetOption("print-darkness", numForm, form);
   if (darkness != nullptr) {
     const int level = std::max(-100, std::min(100, atoi(darkness)));
@@ -388,7 +396,15 @@ std::string formHtml(int numForm, cups_option_t* form, const std::string& token)
     html += "<option value=\"" + pwg + "\"" + (media == pwg ? " selected" : "") + ">" +
             pwg.substr(pwg.rfind('_') + 1) + " (" + kAppMedia[i].ppd + ")</option>";
   }
-  html += "</select></td></tr>\n";
+  html += std::string("<option value=\"custom\"") + (media == "custom" ? " selected" : "") +
+          ">Custom roll, in mm:</option></select> <input type=\"number\" name=\"roll-width\" "
+          "min=\"" +
+          std::to_string(kRollMinMm) + "\" max=\"" + std::to_string(kRollWidthMaxMm) +
+          "\" value=\"" + escaped(chosen("roll-width", "50")) +
+          "\" style=\"width:5em\"> x <input type=\"number\" name=\"roll-length\" min=\"" +
+          std::to_string(kRollMinMm) + "\" max=\"" + std::to_string(kRollLengthMaxMm) +
+          "\" value=\"" + escaped(chosen("roll-length", "30")) +
+          "\" style=\"width:5em\"></td></tr>\n";
   for (const AppVendorOption& o : appVendorOptions()) {
     const std::string value = chosen(o.ipp, numForm > 0 && o.isBoolean ? "false" : o.defaultValue);
     html += "<tr><th>" + appLabel(o.ipp) + ":</th><td>";

@@ -32,6 +32,15 @@ extern const char* const kAppRollMin;
 extern const char* const kAppRollMax;
 const AppMedia* appMediaByPwg(const std::string& pwg);
 
+// Custom rolls the printer takes, in whole millimetres: 0.25 in up to the
+// head's 8.5 in wide, up to 100 in long.
+constexpr int kRollMinMm = 7;
+constexpr int kRollWidthMaxMm = 215;
+constexpr int kRollLengthMaxMm = 2540;
+// The PWG name of a custom roll ("custom_50x30mm_50x30mm"), or empty outside
+// those.
+std::string appCustomRoll(int widthMm, int lengthMm);
+
 // A vendor option of the application: its IPP name, its values (IPP keyword
 // or integer text) and the default of the PPD option behind it.
 struct AppVendorOption {

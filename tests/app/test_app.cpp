@@ -96,6 +96,16 @@ TEST(AppOptions, DarknessAndSpeedAtTheirEdges) {
     EXPECT_EQ(appSpeedInches(s[0]), s[1]) << s[0];
 }
 
+// A custom roll on the proof page: each end of each side, and one past it.
+TEST(AppOptions, CustomRollsAtTheirEdges) {
+  EXPECT_EQ(appCustomRoll(kRollMinMm, kRollMinMm), "custom_7x7mm_7x7mm");
+  EXPECT_EQ(appCustomRoll(kRollWidthMaxMm, kRollLengthMaxMm), "custom_215x2540mm_215x2540mm");
+  for (const auto& size :
+       {std::make_pair(kRollMinMm - 1, 30), std::make_pair(50, kRollMinMm - 1),
+        std::make_pair(kRollWidthMaxMm + 1, 30), std::make_pair(50, kRollLengthMaxMm + 1)})
+    EXPECT_EQ(appCustomRoll(size.first, size.second), "") << size.first << " x " << size.second;
+}
+
 // Every size of the shipped PPD, by name and size, in its order.
 TEST(AppOptions, MediaAreThePpdSizes) {
   ppd_file_t* ppd = ppdOpenFile(OSTRA_SOURCE_DIR "/ppd/ostra.ppd");

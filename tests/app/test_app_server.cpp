@@ -482,6 +482,14 @@ TEST_F(AppServer, ProofIsWhatPrints) {
   EXPECT_TRUE(shown == pixels(dir + name + ".png"));
   EXPECT_GT(readFile(dir + "/proof-page.png").size(), 10000u);
 
+  // Save as default: the proof's options become the printer's.
+  browser.evaluate("document.querySelector('button[value=defaults]').click()");
+  ASSERT_TRUE(browser.waitFor("document.body.innerText.indexOf('now the printer') >= 0"));
+  ipp_t* defaults = client.send(client.request(IPP_OP_GET_PRINTER_ATTRIBUTES));
+  EXPECT_EQ(valuesOf(defaults, "halftone-type-default"), "tattoo-q7");
+  EXPECT_EQ(valuesOf(defaults, "media-default"), kMedia);
+  ippDelete(defaults);
+
   // A damaged image gets a reason on the page, and the page goes on.
   std::ofstream(dir + "/damaged.png", std::ios::binary) << readFile(image).substr(0, 200);
   ASSERT_TRUE(browser.waitFor("!!document.querySelector('input[type=file]')"));
