@@ -228,7 +228,7 @@ ipp_t* jobAttributes(pappl_printer_t* printer, int numOptions, cups_option_t* op
 // halftones, Print): at most kKeptUploads, each for kKeepSeconds, in the
 // system's spool directory, oldest dropped first.
 constexpr size_t kKeptUploads = 16;
-constexpr time_t kKeepSeconds = 30 * 60;
+constexpr time_t kKeepSeconds = time_t{30} * 60;
 
 struct KeptUpload {
   std::string token, path;
@@ -236,13 +236,16 @@ struct KeptUpload {
   time_t at;
 };
 std::mutex gUploadsLock;
-std::deque<KeptUpload> gUploads;
+std::deque<KeptUpload>& uploads() {
+  static std::deque<KeptUpload> kept;
+  return kept;
+}
 
 void dropOldUploads(time_t now) {
-  while (!gUploads.empty() &&
-         (gUploads.size() > kKeptUploads || gUploads.front().at + kKeepSeconds < now)) {
-    unlink(gUploads.front().path.c_str());
-    gUploads.pop_front();
+  while (!uploads().empty() &&
+         (uploads().size() > kKeptUploads || uploads().front().at + kKeepSeconds < now)) {
+    unlink(uploads().front().path.c_str());
+    uploads().pop_front();
   }
 }
 
@@ -261,14 +264,14 @@ std::string randomToken() {
 
 // Keeps PAPPL's temporary file of an upload under a token; empty if it could not.
 std::string keepUpload(const std::string& temp, int printerId) {
-  const std::string token = randomToken();
+  std::string token = randomToken();
   const std::string path = temp + "-" + token;
   if (token.empty() || rename(temp.c_str(), path.c_str()) != 0) {
     unlink(temp.c_str());
     return std::string();
   }
   std::lock_guard<std::mutex> hold(gUploadsLock);
-  gUploads.push_back({token, path, printerId, time(nullptr)});
+  uploads().push_back({token, path, printerId, time(nullptr)});
   dropOldUploads(time(nullptr));
   return token;
 }
@@ -276,7 +279,7 @@ std::string keepUpload(const std::string& temp, int printerId) {
 std::string keptUpload(const std::string& token, int printerId) {
   std::lock_guard<std::mutex> hold(gUploadsLock);
   dropOldUploads(time(nullptr));
-  for (const KeptUpload& u : gUploads) {
+  for (const KeptUpload& u : uploads()) {
     if (!token.empty() && u.token == token && u.printerId == printerId)
       return u.path;
   }
@@ -488,17 +491,24 @@ std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const st
       break;
     }
     if (sheet) {
-      result += "<button type=\"submit\" form=\"form\" name=\"pick\" value=\"" + name +
-                "\" style=\"width:19%;vertical-align:top\"><img alt=\"" + name +
-                "\" style=\"width:100%\" src=\"data:image/png;base64," + base64(png) + "\"><br>" +
-                escaped(appLabel("halftone-type." + name)) + "</button>\n";
+      result += "<button type=\"submit\" form=\"form\" name=\"pick\" value=\"";
+      result += name;
+      result += "\" style=\"width:19%;vertical-align:top\"><img alt=\"";
+      result += name;
+      result += "\" style=\"width:100%\" src=\"data:image/png;base64,";
+      result += base64(png);
+      result += "\"><br>";
+      result += escaped(appLabel("halftone-type." + name));
+      result += "</button>\n";
       continue;
     }
     // Each row record ends with the label's whole bytes, after the margin that
     // centres it under the head: there the label's outline goes.
-    const size_t labelDots = (shown.labelWidth + 7) / 8 * 8;
-    const double left =
-        labelDots < shown.width ? 100.0 * (shown.width - labelDots) / shown.width : 0.0;
+    const size_t labelDots = (size_t{shown.labelWidth} + 7) / 8 * 8;
+    const double left = labelDots < shown.width
+                            ? 100.0 * static_cast<double>(shown.width - labelDots) /
+                                  static_cast<double>(shown.width)
+                            : 0.0;
     char box[160];
     snprintf(box, sizeof box,
              "<div style=\"position:absolute;top:0;bottom:0;left:%.3f%%;right:0;"
@@ -560,12 +570,20 @@ std::string boundedProofs(std::function<std::string()> work) {
   return outcome->html;
 }
 
-bool proofPage(pappl_client_t* client, void* data) {
-  const ProofPage& page = *static_cast<const ProofPage*>(data);
+// The printer of a page; null, with the client answered, when it is gone.
+pappl_printer_t* pagePrinter(pappl_client_t* client, const ProofPage& page) {
   pappl_printer_t* printer =
       papplSystemFindPrinter(papplClientGetSystem(client), nullptr, page.printerId, nullptr);
   if (printer == nullptr)
-    return papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
+    papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
+  return printer;
+}
+
+bool proofPage(pappl_client_t* client, void* data) {
+  const ProofPage& page = *static_cast<const ProofPage*>(data);
+  pappl_printer_t* printer = pagePrinter(client, page);
+  if (printer == nullptr)
+    return true;
   cups_option_t* form = nullptr;
   int numForm = 0;
   std::string token, action, result;
@@ -604,6 +622,7 @@ bool proofPage(pappl_client_t* client, void* data) {
   } else if (action == "proof" || action == "sheet") {
     const char* halftone = cupsGetOption("halftone-type", numForm, form);
     std::vector<std::pair<std::string, std::string>> fields;
+    fields.reserve(static_cast<size_t>(numForm));
     for (int i = 0; i < numForm; ++i)
       fields.emplace_back(form[i].name, form[i].value);
     result = boundedProofs([printer, page, file, fields, sheet = action == "sheet",
@@ -668,11 +687,8 @@ std::map<int, std::deque<Printed>> gPrinted;
 // print them. What a customer had printed is the shop's business: admins only.
 bool printsPage(pappl_client_t* client, void* data) {
   const ProofPage& page = *static_cast<const ProofPage*>(data);
-  pappl_printer_t* printer =
-      papplSystemFindPrinter(papplClientGetSystem(client), nullptr, page.printerId, nullptr);
-  if (printer == nullptr)
-    return papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
-  if (!papplClientHTMLAuthorize(client))
+  pappl_printer_t* printer = pagePrinter(client, page);
+  if (printer == nullptr || !papplClientHTMLAuthorize(client))
     return true;
   std::deque<Printed> printed;
   {
