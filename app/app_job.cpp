@@ -79,8 +79,8 @@ const char* const kAppStrings = R"strings("halftone-type" = "Halftone method";
 )strings";
 
 std::string appLabel(const std::string& key) {
+  static const std::string text = std::string("\n") + kAppStrings;
   const std::string start = "\n\"" + key + "\" = \"";
-  const std::string text = std::string("\n") + kAppStrings;
   const size_t at = text.find(start);
   if (at == std::string::npos)
     return key;

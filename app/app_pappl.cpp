@@ -36,11 +36,11 @@ pappl_pr_driver_t kDrivers[] = {
     {"ostra_300", "Kiwa Ostra 300 dpi", "MFG:Kiwa;MDL:Ostra 300;CMD:OSTRA;", nullptr},
 };
 
-// One printer's own state: jobs of different printers run on different
-// threads, each with its own counter and command templates.
 // Seconds a proof may take; an A4 page at 300 dpi takes well under one.
 constexpr int kProofSeconds = 10;
 
+// One printer's own state: jobs of different printers run on different
+// threads, each with its own counter.
 struct AppPrinter {
   PrinterState state;
   PrinterPaths paths;
@@ -658,9 +658,10 @@ void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t*, pappl_even
   }
 }
 
-// Raises the job ids of the printers made since the last call and bounds
-// their queues (a save writes every job, so its cost grows with the queue);
-// the main loop saves (and so calls this) as soon as a printer is added.
+// Raises the job ids of the printers made since the last call, bounds their
+// queues (a save writes every job, so its cost grows with the queue) and
+// adds their proof pages; the main loop saves (and so calls this) as soon as
+// a printer is added.
 void settleNewPrinters(pappl_system_t* system, const AppConfig& config) {
   {
     std::lock_guard<std::mutex> hold(gNewPrintersLock);

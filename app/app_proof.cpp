@@ -23,7 +23,6 @@
 
 #include "app/app_image.h"
 #include "app/ostra_app.h"
-#include "tools/page_record.h"
 
 // PAPPL 1.3.1's job object, field for field (job-private.h): a proof is a job
 // that no printer lists, so that PAPPL's own image layout and the driver's
@@ -156,11 +155,8 @@ AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp
   return proof;
 }
 
-bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
-                  std::string* error, int shrink) {
-  PageRecord page;
-  if (!decodePageRecord(std::vector<uint8_t>(record.begin(), record.end()), &page, error))
-    return false;
+bool appRecordPng(const PageRecord& page, std::vector<unsigned char>* png, std::string* error,
+                  int shrink) {
   if (page.width == 0 || shrink < 1) {
     *error = "the record holds no pixels";
     return false;
@@ -198,8 +194,6 @@ bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned
   png_image_free(&image);
   return ok;
 }
-
-namespace {}  // namespace
 
 // PAPPL's own reading of name=value options into typed job attributes, and
 // the two steps of papplJobCreateWithFile, exported though not declared.
@@ -483,8 +477,8 @@ std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const st
     PageRecord shown;
     // The sheet shows each proof a sixth of its size; the proof, every dot.
     const bool made = proofRecord(printer, page, file, numOptions, options, &record, &why) &&
-                      appRecordPng(record, &png, &why, sheet ? 6 : 1) &&
-                      decodePageRecord({record.begin(), record.end()}, &shown, &why);
+                      decodePageRecord(record, &shown, &why) &&
+                      appRecordPng(shown, &png, &why, sheet ? 6 : 1);
     cupsFreeOptions(numOptions, options);
     if (!made) {
       result += "<p class=\"proof-message\">No proof: " + escaped(why) + ".</p>\n";
@@ -707,8 +701,8 @@ bool printsPage(pappl_client_t* client, void* data) {
     PageRecord record;
     std::vector<unsigned char> png;
     std::string why;
-    if (bytes.empty() || !decodePageRecord({bytes.begin(), bytes.end()}, &record, &why) ||
-        !appRecordPng(bytes, &png, &why, 4))
+    if (bytes.empty() || !decodePageRecord(bytes, &record, &why) ||
+        !appRecordPng(record, &png, &why, 4))
       continue;
     char when[64];
     struct tm local;

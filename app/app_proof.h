@@ -11,6 +11,7 @@
 
 #include "printer/kiwa_printer.h"
 #include "printer/record_sink.h"
+#include "tools/page_record.h"
 
 struct AppProof {
   std::vector<MemoryRecordSink::Record> records;  // as a print would keep them, in order
@@ -35,10 +36,10 @@ AppProofRun* appProofRun(pappl_job_t* job);
 PrinterState& appProofState(AppProofRun* run);
 RecordSink& appProofRecords(AppProofRun* run);
 
-// A page record's dots as a PNG, written by libpng: black dots on white, or
-// each `shrink` x `shrink` square of dots as one gray pixel.
-bool appRecordPng(const std::vector<unsigned char>& record, std::vector<unsigned char>* png,
-                  std::string* error, int shrink = 1);
+// A decoded page record's dots as a PNG, written by libpng: black dots on
+// white, or each `shrink` x `shrink` square of dots as one gray pixel.
+bool appRecordPng(const PageRecord& page, std::vector<unsigned char>* png, std::string* error,
+                  int shrink = 1);
 
 // Notes a page record a print of `printerId` kept, for its last-prints page.
 void appNotePrinted(int printerId, int jobId, const std::string& record);

@@ -69,7 +69,9 @@ bool proofPicture(const Proofs& p, const std::string& halftone, int shrink) {
   ippDelete(attrs);
   std::vector<unsigned char> png;
   std::string error;
-  return !proof.records.empty() && appRecordPng(proof.records[0].bytes, &png, &error, shrink);
+  PageRecord page;
+  return !proof.records.empty() && decodePageRecord(proof.records[0].bytes, &page, &error) &&
+         appRecordPng(page, &png, &error, shrink);
 }
 
 void proof(benchmark::State& state) {

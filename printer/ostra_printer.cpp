@@ -56,7 +56,7 @@ bool OstraPrinter::SendPrintSetting() {
   bPrnSet[5] = speed >= 2 ? static_cast<uint8_t>(speed - 2) : speed;
   bPrnSet[6] = static_cast<uint8_t>(settings_ != nullptr ? settings_->Darkness : 0);
   printBytes(bPrnSet, sizeof(bPrnSet));
-  return !deviceFailed_;
+  return true;
 }
 
 bool OstraPrinter::doPrintImage(unsigned char* bits, long size, unsigned long height,

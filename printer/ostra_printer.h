@@ -34,8 +34,8 @@ class OstraPrinter : public KiwaPrinter {
   void setSettings(const Settings* settings) { settings_ = settings; }
   const Settings* getSettings() const { return settings_; }
 
-  // Sends ESC 's' 01 00 00 speed darkness, built from the job settings; false
-  // when a device did not take it.
+  // Sends ESC 's' 01 00 00 speed darkness, built from the job settings; always
+  // true (a device that did not take it shows in deviceFailed()).
   bool SendPrintSetting();
   // Fills the label-size block for the current page; always true.
   bool OTCSendPaperInfo(LabelInfo& bLabelInfo);
