@@ -328,7 +328,8 @@ bool refuseFile(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_
   return false;
 }
 
-void deletePrinter(pappl_printer_t* /*printer*/, pappl_pr_driver_data_t* data) {
+void deletePrinter(pappl_printer_t* printer, pappl_pr_driver_data_t* data) {
+  appEndProofs(printer);
   delete static_cast<AppPrinter*>(data->extension);
   data->extension = nullptr;
 }

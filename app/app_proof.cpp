@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -57,8 +58,13 @@ struct AppProofRun {
 
 namespace {
 
+// Proofs at work by their job, and the proof threads holding each printer:
+// deleting a printer cancels its proofs and waits for its holders to let go.
 std::mutex gRunsLock;
+std::condition_variable gHoldsEnded;
 std::map<const void*, AppProofRun*> gRuns;
+std::map<const pappl_printer_t*, int> gHolds;
+std::set<const pappl_printer_t*> gEnding;
 
 }  // namespace
 
@@ -139,6 +145,11 @@ AppProof appProofDocument(pappl_printer_t* printer, const std::string& file, ipp
   }
   {
     std::lock_guard<std::mutex> hold(gRunsLock);
+    if (gEnding.count(printer) != 0) {
+      pthread_rwlock_destroy(&job.rwlock);
+      proof.error = "the printer is being deleted";
+      return proof;
+    }
     gRuns[handle] = &run;
   }
   const bool made = strcmp(format, "image/png") == 0 ? appFilterPng(handle, nullptr, nullptr)
@@ -384,8 +395,8 @@ std::string formHtml(int numForm, cups_option_t* form, const std::string& token)
       "<table class=\"form\"><tr><th>Image:</th><td><input type=\"file\" "
       "name=\"document\" accept=\"image/png,image/jpeg\"";
   html += token.empty() ? " required>" : "> (or the one proofed below)";
-  html += "<input type=\"hidden\" name=\"upload\" value=\"" + escaped(token) +
-          "\"></td></tr>\n<tr><th>Media:</th><td><select name=\"media\">";
+  html += " <span id=\"upload-note\"></span><input type=\"hidden\" name=\"upload\" value=\"" +
+          escaped(token) + "\"></td></tr>\n<tr><th>Media:</th><td><select name=\"media\">";
   const std::string media = chosen("media", kAppMedia[0].pwg);
   for (size_t i = 0; i < kAppMediaCount; ++i) {
     // The size from the self-describing name ("2x1in"), then the PPD's.
@@ -456,6 +467,13 @@ bool saveDefaults(pappl_printer_t* printer, int numOptions, cups_option_t* optio
   return saved;
 }
 
+// Proofs run on threads of their own, at most kProofsAtOnce at a time, so a
+// client's thread only waits, and at most kProofWaitSeconds: each proof stops
+// at its own time limit, and its thread is counted until then; a sheet stops
+// once it has taken that long.
+constexpr int kProofsAtOnce = 2;
+constexpr int kProofWaitSeconds = 30;
+
 // The proof (or, for the sheet, the ten proofs) of a kept upload with the
 // form's fields, as the page shows them.
 std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const std::string& file,
@@ -467,9 +485,12 @@ std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const st
     numForm = cupsAddOption(f.first.c_str(), f.second.c_str(), numForm, &form);
   std::string result;
   const std::vector<std::string>& names = appVendorOptions()[0].values;
+  const auto begin = std::chrono::steady_clock::now();
   for (const std::string& name : names) {
     if (!sheet && name != halftone && !(halftone.empty() && name == names[0]))
       continue;
+    if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(kProofWaitSeconds))
+      break;
     cups_option_t* options = nullptr;
     const int numOptions = formOptions(numForm, form, sheet ? name.c_str() : nullptr, &options);
     std::vector<unsigned char> record, png;
@@ -523,21 +544,53 @@ std::string proofsHtml(pappl_printer_t* printer, const ProofPage& page, const st
   return result;
 }
 
-// Proofs run on threads of their own, at most kProofsAtOnce at a time, so a
-// client's thread only waits, and at most kProofWaitSeconds: each proof stops
-// at its own time limit, and its thread is counted until then.
-constexpr int kProofsAtOnce = 2;
-constexpr int kProofWaitSeconds = 30;
 std::mutex gProofsLock;
 int gProofsRunning = 0;
 
-std::string boundedProofs(std::function<std::string()> work) {
+// The printer `printerId` of `system`, held until releasePrinter: found under
+// the system's lock, which deleting a printer takes to remove it, so a printer
+// found here is deleted only once it is let go (appEndProofs waits).
+pappl_printer_t* holdPrinter(pappl_system_t* system, int printerId) {
+  struct Find {
+    int id;
+    pappl_printer_t* printer;
+  } find{printerId, nullptr};
+  papplSystemIteratePrinters(
+      system,
+      [](pappl_printer_t* printer, void* data) {
+        Find& f = *static_cast<Find*>(data);
+        if (f.printer == nullptr && papplPrinterGetID(printer) == f.id) {
+          std::lock_guard<std::mutex> hold(gRunsLock);
+          ++gHolds[printer];
+          f.printer = printer;
+        }
+      },
+      &find);
+  return find.printer;
+}
+
+void releasePrinter(pappl_printer_t* printer) {
+  std::lock_guard<std::mutex> hold(gRunsLock);
+  if (--gHolds[printer] == 0)
+    gHolds.erase(printer);
+  gHoldsEnded.notify_all();
+}
+
+// The page's result of `work` on the printer `printerId`, run on a proof thread.
+std::string boundedProofs(pappl_system_t* system, int printerId,
+                          std::function<std::string(pappl_printer_t*)> work) {
   {
     std::lock_guard<std::mutex> hold(gProofsLock);
     if (gProofsRunning >= kProofsAtOnce)
       return "<p class=\"proof-message\">The printer is busy with other proofs; try again "
              "in a moment.</p>";
     ++gProofsRunning;
+  }
+  pappl_printer_t* printer = holdPrinter(system, printerId);
+  if (printer == nullptr) {
+    std::lock_guard<std::mutex> hold(gProofsLock);
+    --gProofsRunning;
+    return "<p class=\"proof-message\">The printer is gone.</p>";
   }
   struct Outcome {
     std::mutex lock;
@@ -546,8 +599,9 @@ std::string boundedProofs(std::function<std::string()> work) {
     std::string html;
   };
   auto outcome = std::make_shared<Outcome>();
-  std::thread([outcome, work = std::move(work)] {
-    std::string html = work();
+  std::thread([outcome, printer, work = std::move(work)] {
+    std::string html = work(printer);
+    releasePrinter(printer);
     {
       std::lock_guard<std::mutex> hold(outcome->lock);
       outcome->html = std::move(html);
@@ -571,6 +625,145 @@ pappl_printer_t* pagePrinter(pappl_client_t* client, const ProofPage& page) {
   if (printer == nullptr)
     papplClientRespond(client, HTTP_STATUS_NOT_FOUND, nullptr, nullptr, 0, 0);
   return printer;
+}
+
+// PAPPL reads at most 2 MB of a form, and a camera's photo is often more: the
+// page's script sends a chosen image alone to /<printer>/proof-upload first,
+// then the form with the token the image is kept under. Without the script
+// the form still carries smaller images itself. Set before the form, so that
+// it is there whichever button is pressed first.
+constexpr char kUploadScript[] =
+    "<script>\n"
+    "document.addEventListener('submit', function (event) {\n"
+    "  var form = event.target, file = form.elements.document;\n"
+    "  if (!file || !file.files.length) return;\n"
+    "  event.preventDefault();\n"
+    "  var button = event.submitter, note = document.getElementById('upload-note');\n"
+    "  note.textContent = 'Sending the image...';\n"
+    "  fetch('%s?session=' + encodeURIComponent(form.elements.session.value),\n"
+    "        {method: 'POST', body: file.files[0]})\n"
+    "    .then(function (r) { return r.text().then(function (t) {\n"
+    "      if (!r.ok) throw new Error(t); return t; }); })\n"
+    "    .then(function (token) {\n"
+    "      form.elements.upload.value = token;\n"
+    "      file.disabled = true;\n"
+    "      if (button && button.name) {\n"
+    "        var pressed = document.createElement('input');\n"
+    "        pressed.type = 'hidden'; pressed.name = button.name; pressed.value = button.value;\n"
+    "        form.appendChild(pressed);\n"
+    "      }\n"
+    "      form.submit();\n"
+    "    })\n"
+    "    .catch(function (e) { note.textContent = 'Not sent: ' + e.message; });\n"
+    "});\n"
+    "</script>\n";
+
+// Uploads read at once, and the bytes and time one may take (its pixels are
+// bounded as a job's when it is proofed).
+constexpr int kUploadsAtOnce = 4;
+constexpr off_t kUploadMaxBytes = off_t{64} << 20;
+constexpr int kUploadSeconds = 120;
+std::mutex gUploadingLock;
+int gUploading = 0;
+
+// Answers an upload with `text`; whether the connection may go on.
+bool uploadAnswer(pappl_client_t* client, http_status_t status, const std::string& text,
+                  bool bodyRead) {
+  const bool sent = papplClientRespond(client, status, nullptr, "text/plain", 0, text.size()) &&
+                    httpWrite2(papplClientGetHTTP(client), text.data(), text.size()) ==
+                        static_cast<ssize_t>(text.size());
+  return sent && bodyRead;
+}
+
+// The upload's body into a new file of PAPPL's temporary directory; its path,
+// or empty with `status` and `why` set.
+std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
+  char path[1024];
+  const int fd = papplCreateTempFile(path, sizeof(path), "proof-upload", nullptr);
+  if (fd < 0) {
+    *status = HTTP_STATUS_SERVER_ERROR;
+    *why = "The server could not keep the image.";
+    return std::string();
+  }
+  const time_t end = time(nullptr) + kUploadSeconds;
+  off_t total = 0;
+  ssize_t n;
+  char buffer[65536];
+  *status = HTTP_STATUS_OK;
+  while (*status == HTTP_STATUS_OK && (n = httpRead2(http, buffer, sizeof(buffer))) != 0) {
+    if (n < 0) {
+      *status = HTTP_STATUS_BAD_REQUEST;
+      *why = "The image did not arrive whole.";
+    } else if ((total += n) > kUploadMaxBytes) {
+      *status = HTTP_STATUS_REQUEST_TOO_LARGE;
+      *why = "The image is larger than 64 MB.";
+    } else if (time(nullptr) > end) {
+      *status = HTTP_STATUS_REQUEST_TIMEOUT;
+      *why = "The image took longer than two minutes to arrive.";
+    } else if (write(fd, buffer, static_cast<size_t>(n)) != n) {
+      *status = HTTP_STATUS_SERVER_ERROR;
+      *why = "The server could not keep the image.";
+    }
+  }
+  if (close(fd) != 0 && *status == HTTP_STATUS_OK) {
+    *status = HTTP_STATUS_SERVER_ERROR;
+    *why = "The server could not keep the image.";
+  }
+  if (*status != HTTP_STATUS_OK) {
+    unlink(path);
+    return std::string();
+  }
+  return path;
+}
+
+// /<printer>/proof-upload?session=...: an image sent alone by the proof
+// page's script; the answer is the token it is kept under. Who may proof may
+// send one.
+bool uploadPage(pappl_client_t* client, void* data) {
+  const ProofPage& page = *static_cast<const ProofPage*>(data);
+  if (pagePrinter(client, page) == nullptr)
+    return false;  // the body is left unread
+  if (papplClientGetMethod(client) != HTTP_STATE_POST)
+    return uploadAnswer(client, HTTP_STATUS_METHOD_NOT_ALLOWED, "Send the image with POST.", true);
+  const char* query = papplClientGetOptions(client);
+  std::string session = query != nullptr && strncmp(query, "session=", 8) == 0 ? query + 8 : "";
+  session.erase(std::min(session.size(), session.find('&')));
+  cups_option_t* check = nullptr;
+  const int numCheck = cupsAddOption("session", session.c_str(), 0, &check);
+  const bool valid = papplClientIsValidForm(client, numCheck, check);
+  cupsFreeOptions(numCheck, check);
+  http_t* http = papplClientGetHTTP(client);
+  if (!valid)
+    return uploadAnswer(client, HTTP_STATUS_BAD_REQUEST, "The page is out of date; load it again.",
+                        false);
+  if (httpGetLength2(http) > kUploadMaxBytes)
+    return uploadAnswer(client, HTTP_STATUS_REQUEST_TOO_LARGE, "The image is larger than 64 MB.",
+                        false);
+  {
+    std::lock_guard<std::mutex> hold(gUploadingLock);
+    if (gUploading >= kUploadsAtOnce)
+      return uploadAnswer(client, HTTP_STATUS_SERVICE_UNAVAILABLE,
+                          "The printer is busy with other uploads; try again in a moment.", false);
+    ++gUploading;
+  }
+  http_status_t status;
+  std::string why;
+  const std::string path = readUpload(http, &status, &why);
+  {
+    std::lock_guard<std::mutex> hold(gUploadingLock);
+    --gUploading;
+  }
+  if (path.empty())
+    return uploadAnswer(client, status, why, false);
+  if (appProofFormat(path) == nullptr) {
+    unlink(path.c_str());
+    return uploadAnswer(client, HTTP_STATUS_UNSUPPORTED_MEDIATYPE,
+                        "Only PNG and JPEG images can be proofed.", true);
+  }
+  const std::string token = keepUpload(path, page.printerId);
+  return token.empty() ? uploadAnswer(client, HTTP_STATUS_SERVER_ERROR,
+                                      "The server could not keep the image.", true)
+                       : uploadAnswer(client, HTTP_STATUS_OK, token, true);
 }
 
 bool proofPage(pappl_client_t* client, void* data) {
@@ -611,7 +804,7 @@ bool proofPage(pappl_client_t* client, void* data) {
   }
   const std::string file = keptUpload(token, page.printerId);
   if (!action.empty() && action != "defaults" && file.empty()) {
-    result = "<p class=\"proof-message\">Choose a PNG or JPEG image of at most 2 MB.</p>";
+    result = "<p class=\"proof-message\">Choose a PNG or JPEG image.</p>";
     token.clear();
   } else if (action == "proof" || action == "sheet") {
     const char* halftone = cupsGetOption("halftone-type", numForm, form);
@@ -619,10 +812,18 @@ bool proofPage(pappl_client_t* client, void* data) {
     fields.reserve(static_cast<size_t>(numForm));
     for (int i = 0; i < numForm; ++i)
       fields.emplace_back(form[i].name, form[i].value);
-    result = boundedProofs([printer, page, file, fields, sheet = action == "sheet",
-                            halftone = std::string(halftone != nullptr ? halftone : "")] {
-      return proofsHtml(printer, page, file, fields, sheet, halftone);
-    });
+    result = boundedProofs(
+        papplClientGetSystem(client), page.printerId,
+        [page, file, fields, sheet = action == "sheet",
+         halftone = std::string(halftone != nullptr ? halftone : "")](pappl_printer_t* held) {
+          return proofsHtml(held, page, file, fields, sheet, halftone);
+        });
+    // The printer may have been deleted while its proof ran.
+    printer = pagePrinter(client, page);
+    if (printer == nullptr) {
+      cupsFreeOptions(numForm, form);
+      return true;
+    }
   } else if (action == "print") {
     cups_option_t* options = nullptr;
     const int numOptions = formOptions(numForm, form, nullptr, &options);
@@ -651,7 +852,7 @@ bool proofPage(pappl_client_t* client, void* data) {
     cupsFreeOptions(numOptions, options);
   }
 
-  char path[256];
+  char path[256], upload[256];
   papplPrinterGetPath(printer, "proof", path, sizeof(path));
   // The printer's page header sends the response's own header.
   papplClientHTMLPrinterHeader(client, printer, "Proof", 0, nullptr, nullptr);
@@ -659,6 +860,8 @@ bool proofPage(pappl_client_t* client, void* data) {
                       "<div class=\"row\"><div class=\"col-12\">\n<p>The dots the printer would "
                       "print, before paper burns: choose an image and the options, then Proof."
                       "</p>\n");
+  papplPrinterGetPath(printer, "proof-upload", upload, sizeof(upload));
+  papplClientHTMLPrintf(client, kUploadScript, upload);
   papplClientHTMLStartForm(client, path, true);
   const std::string html = formHtml(numForm, form, token) + result + "</div></div>\n";
   papplClientHTMLPuts(client, html.c_str());
@@ -726,6 +929,22 @@ bool printsPage(pappl_client_t* client, void* data) {
 
 }  // namespace
 
+void appEndProofs(pappl_printer_t* printer) {
+  std::unique_lock<std::mutex> hold(gRunsLock);
+  gEnding.insert(printer);
+  for (const auto& run : gRuns) {
+    AppProofJob& job = run.second->job;
+    if (job.printer == printer) {
+      pthread_rwlock_wrlock(&job.rwlock);
+      job.is_canceled = true;
+      pthread_rwlock_unlock(&job.rwlock);
+    }
+  }
+  gHoldsEnded.wait(hold, [printer] { return gHolds.count(printer) == 0; });
+  // Another printer may later be made at the same address.
+  gEnding.erase(printer);
+}
+
 void appNotePrinted(int printerId, int jobId, const std::string& record) {
   std::lock_guard<std::mutex> hold(gPrintedLock);
   std::deque<Printed>& printed = gPrinted[printerId];
@@ -741,6 +960,9 @@ void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
   // Lives as long as the server: a resource cannot be given a way to free it.
   auto* page = new ProofPage{papplPrinterGetID(printer), pageDirectory};
   papplSystemAddResourceCallback(system, path, "text/html", proofPage, page);
+  papplPrinterGetPath(printer, "proof-upload", path, sizeof(path));
+  papplSystemAddResourceCallback(system, path, "text/plain", uploadPage, page);
+  papplPrinterGetPath(printer, "proof", path, sizeof(path));
   papplPrinterAddLink(printer, "Proof", path, PAPPL_LOPTIONS_NAVIGATION | PAPPL_LOPTIONS_STATUS);
   papplPrinterGetPath(printer, "prints", path, sizeof(path));
   papplSystemAddResourceCallback(system, path, "text/html", printsPage, page);

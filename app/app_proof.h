@@ -41,6 +41,10 @@ RecordSink& appProofRecords(AppProofRun* run);
 bool appRecordPng(const PageRecord& page, std::vector<unsigned char>* png, std::string* error,
                   int shrink = 1);
 
+// Cancels the proofs of `printer` and waits until no proof thread holds it:
+// called as the printer is deleted, before its memory goes.
+void appEndProofs(pappl_printer_t* printer);
+
 // Notes a page record a print of `printerId` kept, for its last-prints page.
 void appNotePrinted(int printerId, int jobId, const std::string& record);
 

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -490,9 +491,25 @@ TEST_F(AppServer, ProofIsWhatPrints) {
   EXPECT_EQ(valuesOf(defaults, "media-default"), kMedia);
   ippDelete(defaults);
 
-  // A damaged image gets a reason on the page, and the page goes on.
+  // A photo of more than the 2 MB PAPPL reads of a form is proofed (the page
+  // sends it alone first); a damaged image gets a reason on the page.
+  std::vector<unsigned char> noise(1800 * 1400);
+  std::mt19937 random(7);
+  for (unsigned char& b : noise)
+    b = static_cast<unsigned char>(random());
+  png_image photo{};
+  photo.version = PNG_IMAGE_VERSION;
+  photo.width = 1800;
+  photo.height = 1400;
+  photo.format = PNG_FORMAT_GRAY;
+  ASSERT_TRUE(
+      png_image_write_to_file(&photo, (dir + "/photo.png").c_str(), 0, noise.data(), 0, nullptr));
+  ASSERT_GT(readFile(dir + "/photo.png").size(), 2u << 20);
   std::ofstream(dir + "/damaged.png", std::ios::binary) << readFile(image).substr(0, 200);
   ASSERT_TRUE(browser.waitFor("!!document.querySelector('input[type=file]')"));
+  ASSERT_TRUE(browser.choose("input[type=file]", dir + "/photo.png"));
+  browser.evaluate("document.querySelector('button[value=proof]').click()");
+  ASSERT_TRUE(browser.waitFor("!!document.getElementById('proof')"));
   ASSERT_TRUE(browser.choose("input[type=file]", dir + "/damaged.png"));
   browser.evaluate("document.querySelector('button[value=proof]').click()");
   EXPECT_TRUE(
