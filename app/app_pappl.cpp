@@ -301,8 +301,11 @@ bool endPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* 
                        PAPPL_JREASON_NONE);
   if (kept && jd->streamed)
     saveJobState(job, jd->own);
-  for (const std::string& record : jd->job->takeKeptRecords())
-    appNotePrinted(papplPrinterGetID(papplJobGetPrinter(job)), papplJobGetID(job), record);
+  for (const std::string& record : jd->job->takeKeptRecords()) {
+    if (!appNotePrinted(papplPrinterGetID(papplJobGetPrinter(job)), papplJobGetID(job), record))
+      papplLogJob(job, PAPPL_LOGLEVEL_WARN, "The list of last prints was not saved: %s",
+                  strerror(errno));
+  }
   return kept;
 }
 
@@ -657,6 +660,8 @@ void onEvent(pappl_system_t*, pappl_printer_t* printer, pappl_job_t*, pappl_even
     std::lock_guard<std::mutex> hold(gNewPrintersLock);
     gNewPrinters.insert(printer);
   }
+  if ((event & PAPPL_EVENT_PRINTER_DELETED) != 0 && printer != nullptr)
+    appForgetPrinted(papplPrinterGetID(printer));
 }
 
 // Raises the job ids of the printers made since the last call, bounds their
@@ -784,6 +789,7 @@ pappl_system_t* appCreateSystem(int numOptions, cups_option_t* options, AppConfi
   recoverPageCounters(config->pageDirectory);
   mendStateFile(config->stateFile);
   papplSystemLoadState(system, config->stateFile.c_str());
+  appLoadPrinted(config->stateFile + ".prints");
   settleNewPrinters(system, *config);
   papplSystemSetSaveCallback(system, saveState, config);
   return system;

@@ -879,6 +879,21 @@ struct Printed {
 };
 std::mutex gPrintedLock;
 std::map<int, std::deque<Printed>> gPrinted;
+std::string gPrintedFile;  // where the lists outlive the server; empty: nowhere
+
+// Every printer's list into its file, a line a record: printer id, job id,
+// time, path. Called with gPrintedLock held.
+bool savePrinted() {
+  if (gPrintedFile.empty())
+    return true;
+  std::string text;
+  for (const auto& printer : gPrinted) {
+    for (const Printed& p : printer.second)
+      text += std::to_string(printer.first) + " " + std::to_string(p.jobId) + " " +
+              std::to_string(static_cast<long long>(p.at)) + " " + p.record + "\n";
+  }
+  return ostraReplaceFile(gPrintedFile, text.data(), text.size());
+}
 
 // /<printer>/prints: the printer's last page records as the printer will
 // print them. What a customer had printed is the shop's business: admins only.
@@ -940,17 +955,41 @@ void appEndProofs(pappl_printer_t* printer) {
       pthread_rwlock_unlock(&job.rwlock);
     }
   }
+  if (gHolds.count(printer) != 0)
+    papplLogPrinter(printer, PAPPL_LOGLEVEL_INFO, "Proofs stopped: the printer is being deleted.");
   gHoldsEnded.wait(hold, [printer] { return gHolds.count(printer) == 0; });
   // Another printer may later be made at the same address.
   gEnding.erase(printer);
 }
 
-void appNotePrinted(int printerId, int jobId, const std::string& record) {
+bool appNotePrinted(int printerId, int jobId, const std::string& record) {
   std::lock_guard<std::mutex> hold(gPrintedLock);
   std::deque<Printed>& printed = gPrinted[printerId];
   printed.push_back({jobId, record, time(nullptr)});
   if (printed.size() > kLastPrints)
     printed.pop_front();
+  return savePrinted();
+}
+
+void appLoadPrinted(const std::string& file) {
+  std::lock_guard<std::mutex> hold(gPrintedLock);
+  gPrintedFile = file;
+  gPrinted.clear();
+  std::ifstream in(file);
+  int printerId, jobId;
+  long long at;
+  for (std::string record; in >> printerId >> jobId >> at && std::getline(in >> std::ws, record);) {
+    std::deque<Printed>& printed = gPrinted[printerId];
+    printed.push_back({jobId, record, static_cast<time_t>(at)});
+    if (printed.size() > kLastPrints)
+      printed.pop_front();
+  }
+}
+
+void appForgetPrinted(int printerId) {
+  std::lock_guard<std::mutex> hold(gPrintedLock);
+  if (gPrinted.erase(printerId) != 0)
+    savePrinted();
 }
 
 void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,

@@ -45,15 +45,21 @@ bool appRecordPng(const PageRecord& page, std::vector<unsigned char>* png, std::
 // called as the printer is deleted, before its memory goes.
 void appEndProofs(pappl_printer_t* printer);
 
-// Notes a page record a print of `printerId` kept, for its last-prints page.
-void appNotePrinted(int printerId, int jobId, const std::string& record);
+// Notes a page record a print of `printerId` kept, for its last-prints page;
+// false, errno set, when the list could not be saved.
+bool appNotePrinted(int printerId, int jobId, const std::string& record);
+// Where the last prints are saved, so that a restart keeps them: loads them.
+void appLoadPrinted(const std::string& file);
+// Drops the last prints of a deleted printer.
+void appForgetPrinted(int printerId);
 
 // The proof page of `printer` at /<printer>/proof, linked from its pages:
 // upload an image, choose the options a job carries, see the dots; proof all
 // ten halftones side by side; print what was proofed; save the options as
 // the printer's defaults (admins only). Page records are read from
 // `pageDirectory` for the counter only. Beside it, /<printer>/prints shows
-// the printer's last page records as pictures, to admins.
+// the printer's last page records as pictures, to admins, and
+// /<printer>/proof-upload takes the page's images.
 void appAddProofPage(pappl_system_t* system, pappl_printer_t* printer,
                      const std::string& pageDirectory);
 

@@ -46,6 +46,19 @@ form() { # CLIENT BASE PRINTER: the printing defaults form, with its session tok
   echo "session=$(sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1)\
 &halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off"
 }
+proof_session() { # CLIENT BASE PRINTER: the proof page's session token, to anyone
+  web "$1" "$2" "" /$3/proof || fail "no proof page for $3"
+  sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1
+}
+proof() { # CLIENT BASE LOGIN PRINTER SESSION ACTION CURL-ARGS...: the page answers 200
+  pc=$1 pb=$2 pl=$3 pp=$4 ps=$5 pa=$6 && shift 6
+  [ "$($pc curl -sk ${pl:+-u $pl} -o $w/out/page.html -w '%{http_code}' -F session="$ps" \
+    -F document=@$w/doc.png -F action="$pa" "$@" "$pb/$pp/proof")" = 200 ]
+}
+upload() { # CLIENT BASE PRINTER SESSION FILE: the image is taken for proofs
+  [ "$($1 curl -sk -o $w/out/upload.txt -w '%{http_code}' --data-binary @"$5" \
+    "$2/$3/proof-upload?session=$4")" = 200 ]
+}
 check() { # WANT LABEL COMMAND...: WANT is allowed or refused
   want=$1 label=$2 && shift 2
   if "$@" >>$w/clients.log 2>&1; then got=allowed; else got=refused; fi
@@ -54,6 +67,9 @@ check() { # WANT LABEL COMMAND...: WANT is allowed or refused
 }
 
 pdftoppm -png -r 60 -singlefile "$src/samples/sample.pdf" $w/doc
+# Uploads of exactly the 64 MB a proof may send, and one byte more.
+{ printf '\211PNG\r\n\032\n' && head -c $((64 * 1024 * 1024 - 8)) /dev/zero; } >$w/limit.png
+cp $w/limit.png $w/over.png && printf x >>$w/over.png
 chmod -R a+rX $w
 admin=boss:boss-pw@ state=/var/lib/ostra-printer-app/ostra-printer-app.state
 # PAPPL 1.3.1 answers printer-id 0 for a printer made since it started (fixed
@@ -87,15 +103,43 @@ for client in local phone; do
   done
   job=$(ls /var/spool/cups/tmp/otv6data | sed -n 's/^page_.*_jobid_0*\([0-9]*\)_.*/\1/p' |
     sort -n | tail -1)
+  # Whoever may print may proof; Save as default and Last Prints are an admin's.
+  session=$(proof_session "$c" $base $p)
+  proof "$c" $base "" $p "$session" proof -F media=oe_2x1-label_2x1in && grep -q 'id="proof"' \
+    $w/out/page.html || fail "$client: no proof without a login"
+  for login in "" joe:joe-pw; do
+    check refused "$client proof options as default by '$login'" \
+      proof "$c" $base "$login" $p "$session" defaults -F halftone-type=tattoo
+    check refused "$client last prints by '$login'" web "$c" $base "$login" /$p/prints
+  done
+  check allowed "$client proof options as default by an admin" \
+    proof "$c" $base boss:boss-pw $p "$session" defaults -F halftone-type=tattoo
+  check allowed "$client last prints by an admin" web "$c" $base boss:boss-pw /$p/prints
+  [ "$(grep -c '<figure' $w/out/page.html)" = 1 ] || fail "$client: last prints"
+  check allowed "$client uploads 64 MB for a proof" upload "$c" $base $p "$session" $w/limit.png
+  check refused "$client uploads 64 MB and a byte" upload "$c" $base $p "$session" $w/over.png
+  check refused "$client uploads with another's session" upload "$c" $base $p x $w/doc.png
   check allowed "$client sees its own job" ipp "$c" $host "" get-job "$p -d job=$job -d who=phone"
   check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=$job -d who=x"
   check refused "$client delete-printer without a login" ipp "$c" $host "" delete-printer $p
 done
-id=1
-check refused "control socket as joe" socket joe delete-printer
-check allowed "control socket as boss (lpadmin)" socket boss delete-printer
-check allowed "the command line deletes a printer made since start" \
-  "$build/ostra-printer-app" delete -d phone-printer
+# Deleted while a sheet of ten proofs on the longest roll runs: the proofs
+# stop, the deletion waits for them (it holds PAPPL's lock, so not long).
+session=$(proof_session "$local" https://127.0.0.1:8000 phone-printer)
+started=$(grep -c '\[Job 0\] The PNG image is' $w/app.log || :)
+proof "$local" https://127.0.0.1:8000 "" phone-printer "$session" sheet -F media=custom \
+  -F roll-width=215 -F roll-length=2540 &
+sheet=$!
+end=$(($(date +%s) + 30))
+until [ "$(grep -c '\[Job 0\] The PNG image is' $w/app.log)" -gt "$started" ]; do
+  [ "$(date +%s)" -lt $end ] || fail "the sheet of proofs did not start"
+  sleep 0.1
+done
+check allowed "the command line deletes a printer made since start, proofs running" \
+  timeout 60 "$build/ostra-printer-app" delete -d phone-printer
+wait $sheet || :
+grep -q 'Proofs stopped: the printer is being deleted' $w/app.log ||
+  fail "the proofs were not running when their printer was deleted"
 
 # The phone's job printed with the default set through the web page, its
 # record in the page directory it shares with the filter.
@@ -104,9 +148,25 @@ until [ "$(ls /var/spool/cups/tmp/otv6data 2>/dev/null | grep -c '^page_')" = 2 
   [ "$(date +%s)" -lt $end ] || fail "page records: $(ls -l /var/spool/cups/tmp/otv6data)"
   sleep 0.2
 done
-[ "$(grep -c 'RV dithering is enabled' $w/app.log)" = 2 ] || fail "the web default was not used"
+[ "$(grep -v '\[Job 0\]' $w/app.log | grep -c 'RV dithering is enabled')" = 2 ] || fail "the web default was not used"
 [ "$(stat -c %a:%U /var/lib/ostra-printer-app/.cups/ssl/*.key)" = 600:ostra-printer-app ] ||
   fail "TLS key: $(ls -l /var/lib/ostra-printer-app/.cups/ssl)"
 "$build/ostra-preview" -o $w /var/spool/cups/tmp/otv6data/page_*.dat >/dev/null ||
   fail "page records refused"
+kill -0 $app_pid || fail "the server is gone"
+
+# Started again, the server still shows the local printer's last print; then
+# the control socket deletes it.
+kill $app_pid && wait $app_pid || :
+app_start -o file-device-directory=$w/dev -o log-level=debug
+end=$(($(date +%s) + 30))
+until ip netns exec shop curl -so /dev/null http://127.0.0.1:8000/; do
+  [ "$(date +%s)" -lt $end ] || fail "the server did not start again"
+  sleep 0.2
+done
+web "$local" https://127.0.0.1:8000 boss:boss-pw /local-printer/prints &&
+  [ "$(grep -c '<figure' $w/out/page.html)" = 1 ] || fail "no last print after a restart"
+id=1
+check refused "control socket as joe" socket joe delete-printer
+check allowed "control socket as boss (lpadmin)" socket boss delete-printer
 kill -0 $app_pid || fail "the server is gone"
