@@ -638,6 +638,8 @@ constexpr char kUploadScript[] =
     "  var form = event.target, file = form.elements.document;\n"
     "  if (!file || !file.files.length) return;\n"
     "  event.preventDefault();\n"
+    "  if (form.dataset.sending) return;\n"
+    "  form.dataset.sending = 'yes';\n"
     "  var button = event.submitter, note = document.getElementById('upload-note');\n"
     "  note.textContent = 'Sending the image...';\n"
     "  fetch('%s?session=' + encodeURIComponent(form.elements.session.value),\n"
@@ -654,7 +656,13 @@ constexpr char kUploadScript[] =
     "      }\n"
     "      form.submit();\n"
     "    })\n"
-    "    .catch(function (e) { note.textContent = 'Not sent: ' + e.message; });\n"
+    "    .catch(function (e) {\n"
+    "      delete form.dataset.sending; note.textContent = 'Not sent: ' + e.message; });\n"
+    "});\n"
+    "// A page come back to from the next keeps its form usable.\n"
+    "window.addEventListener('pageshow', function () {\n"
+    "  var form = document.getElementById('form');\n"
+    "  if (form) { delete form.dataset.sending; form.elements.document.disabled = false; }\n"
     "});\n"
     "</script>\n";
 

@@ -114,6 +114,7 @@ for client in local phone; do
   done
   check allowed "$client proof options as default by an admin" \
     proof "$c" $base boss:boss-pw $p "$session" defaults -F halftone-type=tattoo
+  grep -q "now the printer's defaults" $w/out/page.html || fail "$client: proof options not saved"
   check allowed "$client last prints by an admin" web "$c" $base boss:boss-pw /$p/prints
   [ "$(grep -c '<figure' $w/out/page.html)" = 1 ] || fail "$client: last prints"
   check allowed "$client uploads 64 MB for a proof" upload "$c" $base $p "$session" $w/limit.png
