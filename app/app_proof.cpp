@@ -3,6 +3,7 @@
 #include <png.h>
 #include <pthread.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -230,15 +231,18 @@ ipp_t* jobAttributes(pappl_printer_t* printer, int numOptions, cups_option_t* op
 }
 
 // Uploads kept for the page's later buttons (another proof, the ten
-// halftones, Print): at most kKeptUploads, each for kKeepSeconds, in the
-// system's spool directory, oldest dropped first.
+// halftones, Print): at most kKeptUploads and kKeptBytes in all (the newest is
+// always kept), each for kKeepSeconds, in the system's spool directory, oldest
+// dropped first.
 constexpr size_t kKeptUploads = 16;
+constexpr off_t kKeptBytes = off_t{256} << 20;
 constexpr time_t kKeepSeconds = time_t{30} * 60;
 
 struct KeptUpload {
   std::string token, path;
   int printerId;
   time_t at;
+  off_t size;
 };
 std::mutex gUploadsLock;
 std::deque<KeptUpload>& uploads() {
@@ -247,8 +251,13 @@ std::deque<KeptUpload>& uploads() {
 }
 
 void dropOldUploads(time_t now) {
+  off_t bytes = 0;
+  for (const KeptUpload& u : uploads())
+    bytes += u.size;
   while (!uploads().empty() &&
-         (uploads().size() > kKeptUploads || uploads().front().at + kKeepSeconds < now)) {
+         (uploads().size() > kKeptUploads || uploads().front().at + kKeepSeconds < now ||
+          (bytes > kKeptBytes && uploads().size() > 1))) {
+    bytes -= uploads().front().size;
     unlink(uploads().front().path.c_str());
     uploads().pop_front();
   }
@@ -275,8 +284,10 @@ std::string keepUpload(const std::string& temp, int printerId) {
     unlink(temp.c_str());
     return std::string();
   }
+  struct stat info;
+  const off_t size = stat(path.c_str(), &info) == 0 ? info.st_size : 0;
   std::lock_guard<std::mutex> hold(gUploadsLock);
-  uploads().push_back({token, path, printerId, time(nullptr)});
+  uploads().push_back({token, path, printerId, time(nullptr), size});
   dropOldUploads(time(nullptr));
   return token;
 }
