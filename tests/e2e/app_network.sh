@@ -55,9 +55,10 @@ proof() { # CLIENT BASE LOGIN PRINTER SESSION ACTION CURL-ARGS...: the page answ
   [ "$($pc curl -sk ${pl:+-u $pl} -o $w/out/page.html -w '%{http_code}' -F session="$ps" \
     -F document=@$w/doc.png -F action="$pa" "$@" "$pb/$pp/proof")" = 200 ]
 }
-upload() { # CLIENT BASE PRINTER SESSION FILE: the image is taken for proofs
-  [ "$($1 curl -sk -o $w/out/upload.txt -w '%{http_code}' --data-binary @"$5" \
-    "$2/$3/proof-upload?session=$4")" = 200 ]
+upload() { # CLIENT BASE PRINTER SESSION FILE [CURL-ARGS...]: the image is taken for proofs
+  uc=$1 ub=$2 up=$3 us=$4 uf=$5 && shift 5
+  [ "$($uc curl -sk -o $w/out/upload.txt -w '%{http_code}' --data-binary @"$uf" "$@" \
+    "$ub/$up/proof-upload?session=$us")" = 200 ]
 }
 check() { # WANT LABEL COMMAND...: WANT is allowed or refused
   want=$1 label=$2 && shift 2
@@ -119,6 +120,8 @@ for client in local phone; do
   [ "$(grep -c '<figure' $w/out/page.html)" = 1 ] || fail "$client: last prints"
   check allowed "$client uploads 64 MB for a proof" upload "$c" $base $p "$session" $w/limit.png
   check refused "$client uploads 64 MB and a byte" upload "$c" $base $p "$session" $w/over.png
+  check refused "$client uploads 64 MB and a byte, chunked" upload "$c" $base $p "$session" \
+    $w/over.png -H 'Transfer-Encoding: chunked'
   check refused "$client uploads with another's session" upload "$c" $base $p x $w/doc.png
   check allowed "$client sees its own job" ipp "$c" $host "" get-job "$p -d job=$job -d who=phone"
   check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=$job -d who=x"
