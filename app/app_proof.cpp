@@ -677,11 +677,12 @@ constexpr char kUploadScript[] =
     "});\n"
     "</script>\n";
 
-// Uploads read at once, and the bytes and time one may take (its pixels are
-// bounded as a job's when it is proofed).
+// Uploads read at once, and the bytes and time one may take, and how long it
+// may send nothing (its pixels are bounded as a job's when it is proofed).
 constexpr int kUploadsAtOnce = 4;
 constexpr off_t kUploadMaxBytes = off_t{64} << 20;
 constexpr int kUploadSeconds = 120;
+constexpr double kUploadQuietSeconds = 10.0;
 std::mutex gUploadingLock;
 int gUploading = 0;
 
@@ -705,6 +706,9 @@ std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
     return std::string();
   }
   const time_t end = time(nullptr) + kUploadSeconds;
+  // PAPPL reads its clients with no time limit: a client gone quiet would
+  // hold its upload's place for good.
+  httpSetTimeout(http, kUploadQuietSeconds, nullptr, nullptr);
   off_t total = 0;
   ssize_t n;
   char buffer[65536];
@@ -723,6 +727,12 @@ std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
       *status = HTTP_STATUS_SERVER_ERROR;
       *why = "The server could not keep the image.";
     }
+  }
+  httpSetTimeout(http, 0.0, nullptr, nullptr);
+  // A client gone quiet ends the reading early: the body is then not all read.
+  if (*status == HTTP_STATUS_OK && httpGetState(http) == HTTP_STATE_POST_RECV) {
+    *status = HTTP_STATUS_BAD_REQUEST;
+    *why = "The image did not arrive whole.";
   }
   if (close(fd) != 0 && *status == HTTP_STATUS_OK) {
     *status = HTTP_STATUS_SERVER_ERROR;

@@ -127,6 +127,15 @@ for client in local phone; do
   check refused "$client sees another's job" ipp "$c" $host "" get-job "$p -d job=$job -d who=x"
   check refused "$client delete-printer without a login" ipp "$c" $host "" delete-printer $p
 done
+# An upload that stops half way is answered after 10 s of silence, its place
+# among the four at once given back.
+session=$(proof_session "$local" https://127.0.0.1:8000 local-printer)
+ip netns exec shop timeout 15 bash -c "exec 3<>/dev/tcp/127.0.0.1/8000 &&
+  printf 'POST /local-printer/proof-upload?session=$session HTTP/1.1\r\nHost: 127.0.0.1:8000\r\n%b' \
+    'Content-Length: 1000\r\n\r\n' >&3 && head -c 100 $w/limit.png >&3 && cat <&3" \
+  >$w/out/upload.txt || :
+grep -q 'did not arrive whole' $w/out/upload.txt || fail "an upload gone quiet: $(cat $w/out/upload.txt)"
+
 # Deleted while a sheet of ten proofs on the longest roll runs: the proofs
 # stop, the deletion waits for them (it holds PAPPL's lock, so not long).
 session=$(proof_session "$local" https://127.0.0.1:8000 phone-printer)
