@@ -683,6 +683,8 @@ constexpr int kUploadsAtOnce = 4;
 constexpr off_t kUploadMaxBytes = off_t{64} << 20;
 constexpr int kUploadSeconds = 120;
 constexpr double kUploadQuietSeconds = 10.0;
+constexpr char kUploadTooLarge[] = "The image is larger than 64 MB.";
+constexpr char kUploadNotKept[] = "The server could not keep the image.";
 std::mutex gUploadingLock;
 int gUploading = 0;
 
@@ -702,7 +704,7 @@ std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
   const int fd = papplCreateTempFile(path, sizeof(path), "proof-upload", nullptr);
   if (fd < 0) {
     *status = HTTP_STATUS_SERVER_ERROR;
-    *why = "The server could not keep the image.";
+    *why = kUploadNotKept;
     return std::string();
   }
   const time_t end = time(nullptr) + kUploadSeconds;
@@ -719,13 +721,13 @@ std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
       *why = "The image did not arrive whole.";
     } else if ((total += n) > kUploadMaxBytes) {
       *status = HTTP_STATUS_REQUEST_TOO_LARGE;
-      *why = "The image is larger than 64 MB.";
+      *why = kUploadTooLarge;
     } else if (time(nullptr) > end) {
       *status = HTTP_STATUS_REQUEST_TIMEOUT;
       *why = "The image took longer than two minutes to arrive.";
     } else if (write(fd, buffer, static_cast<size_t>(n)) != n) {
       *status = HTTP_STATUS_SERVER_ERROR;
-      *why = "The server could not keep the image.";
+      *why = kUploadNotKept;
     }
   }
   httpSetTimeout(http, 0.0, nullptr, nullptr);
@@ -736,7 +738,7 @@ std::string readUpload(http_t* http, http_status_t* status, std::string* why) {
   }
   if (close(fd) != 0 && *status == HTTP_STATUS_OK) {
     *status = HTTP_STATUS_SERVER_ERROR;
-    *why = "The server could not keep the image.";
+    *why = kUploadNotKept;
   }
   if (*status != HTTP_STATUS_OK) {
     unlink(path);
@@ -766,8 +768,7 @@ bool uploadPage(pappl_client_t* client, void* data) {
     return uploadAnswer(client, HTTP_STATUS_BAD_REQUEST, "The page is out of date; load it again.",
                         false);
   if (httpGetLength2(http) > kUploadMaxBytes)
-    return uploadAnswer(client, HTTP_STATUS_REQUEST_TOO_LARGE, "The image is larger than 64 MB.",
-                        false);
+    return uploadAnswer(client, HTTP_STATUS_REQUEST_TOO_LARGE, kUploadTooLarge, false);
   {
     std::lock_guard<std::mutex> hold(gUploadingLock);
     if (gUploading >= kUploadsAtOnce)
@@ -790,8 +791,7 @@ bool uploadPage(pappl_client_t* client, void* data) {
                         "Only PNG and JPEG images can be proofed.", true);
   }
   const std::string token = keepUpload(path, page.printerId);
-  return token.empty() ? uploadAnswer(client, HTTP_STATUS_SERVER_ERROR,
-                                      "The server could not keep the image.", true)
+  return token.empty() ? uploadAnswer(client, HTTP_STATUS_SERVER_ERROR, kUploadNotKept, true)
                        : uploadAnswer(client, HTTP_STATUS_OK, token, true);
 }
 

@@ -41,14 +41,16 @@ socket() { # USER TEST: TEST over the control socket as USER
 web() { # CLIENT BASE LOGIN PATH [FORM]: the page answers 200
   [ "$($1 curl -sk ${3:+-u $3} -o $w/out/page.html -w '%{http_code}' ${5:+--data "$5"} "$2$4")" = 200 ]
 }
+session() { # CLIENT BASE LOGIN PATH: the session token of the page's form
+  web "$1" "$2" "$3" "$4" || fail "no form at $4"
+  sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1
+}
 form() { # CLIENT BASE PRINTER: the printing defaults form, with its session token
-  web "$1" "$2" boss:boss-pw /$3/printing || fail "no form for $3"
-  echo "session=$(sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1)\
+  echo "session=$(session "$1" "$2" boss:boss-pw /$3/printing)\
 &halftone-type=tattoo&gap-height=3&brightness=0&barcode-thinning=off"
 }
 proof_session() { # CLIENT BASE PRINTER: the proof page's session token, to anyone
-  web "$1" "$2" "" /$3/proof || fail "no proof page for $3"
-  sed -n 's/.*name="session" value="\([^"]*\)".*/\1/p' $w/out/page.html | head -1
+  session "$1" "$2" "" /$3/proof
 }
 proof() { # CLIENT BASE LOGIN PRINTER SESSION ACTION CURL-ARGS...: the page answers 200
   pc=$1 pb=$2 pl=$3 pp=$4 ps=$5 pa=$6 && shift 6
